@@ -1,0 +1,106 @@
+// ferndrop: local delivery agent, started by the transfer agent's pipe
+// transport once per recipient with the message on standard input.
+//
+// The run: check the command line, spool the message, run the handler pass,
+// enter the mailbox directory, carry out its .qmail (or deliver into INBOX),
+// and end with one sysexits status plus, for a non-zero status, one RFC 3463
+// status line on standard output. Every way out after spooling removes the
+// spool file, so the transfer agent's retry always starts from its own copy.
+#include <cerrno>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <syslog.h>
+#include <unistd.h>
+
+#include "driver/delivery_codes.h"
+#include "driver/log.h"
+#include "spool/spool.h"
+
+namespace {
+
+const char kProgramName[] = "ferndrop";
+const size_t kRecipientBufferSize = 502;
+
+struct CommandLine {
+    const char *sender = nullptr;
+    const char *recipient = nullptr;
+    const char *mailnamesDir = nullptr;
+};
+
+[[noreturn]] void usageError(const char *problem) {
+    LogFunction(2, "%s usage error: \"%s\"", kProgramName, problem);
+    LogFunction(5, "%s usage: %s -f <sender> -d <recipient> -p <mailnames dir>", kProgramName, kProgramName);
+    exitWithStatus(64, "4.3.5 Local delivery is disabled due to server misconfigurations");
+}
+
+CommandLine parseCommandLine(int argc, char **argv) {
+    CommandLine cmd;
+    int c;
+    while ((c = getopt(argc, argv, "d:f:p:h?")) != -1) {
+        switch (c) {
+        case 'f':
+            cmd.sender = optarg;
+            break;
+        case 'd':
+            cmd.recipient = optarg;
+            break;
+        case 'p':
+            cmd.mailnamesDir = optarg;
+            break;
+        default: {
+            char problem[32];
+            snprintf(problem, sizeof problem, "invalid option -%c", c == '?' ? optopt : c);
+            usageError(problem);
+        }
+        }
+    }
+    if (optind != argc)
+        usageError("extra arguments");
+    if (cmd.sender == nullptr || cmd.sender[0] == '\0')
+        usageError("unspecified -f <sender>");
+    if (cmd.recipient == nullptr || cmd.recipient[0] == '\0')
+        usageError("unspecified -d <recipient>");
+    if (cmd.mailnamesDir == nullptr || cmd.mailnamesDir[0] == '\0')
+        usageError("unspecified -p <mailnames dir>");
+    return cmd;
+}
+
+[[noreturn]] void finish(const char *spoolPath, ExitOutcome outcome) {
+    unlink(spoolPath);
+    exitWithStatus(outcome.status, outcome.text);
+}
+
+}  // namespace
+
+int main(int argc, char **argv) {
+    logInit(nullptr, 6, LOG_MAIL, LOG_PID, kProgramName);
+    CommandLine cmd = parseCommandLine(argc, argv);
+    LogFunction(6, "%s: from=%s, to=%s, dirname=%s", kProgramName, cmd.sender, cmd.recipient, cmd.mailnamesDir);
+
+    if (strchr(cmd.recipient, '@') == nullptr) {
+        LogFunction(19, "Invalid e-mail address - no domain part: %s", cmd.recipient);
+        exitWithStatus(65, "5.1.3 Invalid destination status");
+    }
+    if (strlen(cmd.recipient) + 1 > kRecipientBufferSize) {
+        LogFunction(19, "Invalid e-mail address - too long: %s", cmd.recipient);
+        exitWithStatus(65, "5.1.3 Invalid destination status");
+    }
+    char recipientCopy[kRecipientBufferSize];
+    strncpy(recipientCopy, cmd.recipient, kRecipientBufferSize - 1);
+    recipientCopy[kRecipientBufferSize - 1] = '\0';
+
+    if (setenv("DELIVERED_TO", cmd.recipient, 1) != 0) {
+        LogFunction(19, "Unable to set environment variable: %s\n", strerror(errno));
+        exitWithStatus(75, "4.3.2 Local delivery is temporarily disabled due to system resources limitations");
+    }
+
+    char *spoolPath = spool_save_stdin();
+    if (spoolPath == nullptr) {
+        LogFunction(19, "Unable to read message from stdin");
+        exitWithStatus(75, "4.6.0 Unable to read message content");
+    }
+
+    // Later stages are not wired yet: defer, so nothing accepted is lost.
+    finish(spoolPath, exitForDeliveryResult(DR_TEMPORARY));
+}

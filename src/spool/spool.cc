@@ -1,0 +1,42 @@
+// The spool file: the one private, synced copy of the message that every later
+// stage reads by name. A failed save never leaves a partial file behind.
+#include "spool/spool.h"
+
+#include <cerrno>
+#include <cstdlib>
+#include <cstring>
+#include <unistd.h>
+
+#include "driver/log.h"
+#include "paths.h"
+#include "util/error.h"
+
+char *spool_save_fd(const char *spoolDir, int inFd) {
+    char *path = util_asprintf("%s/messageXXXXXX", spoolDir);
+    int fd = mkstemp(path);
+    if (fd < 0) {
+        LogFunction(3, "cannot create temporary file - (%d) %s", errno, strerror(errno));
+        free(path);
+        return nullptr;
+    }
+    if (!files_copy_fd(inFd, fd, 0)) {
+        LogFunction(3, "cannot save message from stdin to temporary file");
+    } else if (fsync(fd) != 0) {
+        LogFunction(3, "cannot fsync temporary file - (%d) %s", errno, strerror(errno));
+    } else if (close(fd) != 0) {
+        LogFunction(3, "cannot close temporary file - (%d) %s", errno, strerror(errno));
+        unlink(path);
+        free(path);
+        return nullptr;
+    } else {
+        return path;
+    }
+    close(fd);
+    unlink(path);
+    free(path);
+    return nullptr;
+}
+
+char *spool_save_stdin() {
+    return spool_save_fd(FERNDROP_SPOOL_DIR, STDIN_FILENO);
+}

@@ -1,0 +1,17 @@
+// Delivery into a mailbox's INBOX (or a "." folder) through the installed
+// IMAP/POP3 server's own delivery agent.
+#pragma once
+
+enum ServerType { SERVER_UNKNOWN = -1, SERVER_COURIER_IMAP = 0, SERVER_DOVECOT = 1 };
+
+ServerType detect_server_type();
+bool is_inbox_folder(const char *folder);
+bool is_dot_folder(const char *folder);
+int build_maildir_path(char *buffer, unsigned long size, const char *mailname, const char *domain);
+int build_folder_path(char *buffer, unsigned long size, const char *mailname, const char *domain,
+                      const char *folder);
+
+// 0 delivered; the agent's non-zero exit status; -1 when it could not run or
+// did not end normally.
+int lda_deliver_file(const char *path, const char *recipient, const char *folder);
+int lda_deliver_fd(int fd, const char *recipient, const char *folder);

@@ -1,0 +1,18 @@
+// Starting outside programs with exactly three descriptors, and reading back
+// how they ended.
+#pragma once
+#include <sys/types.h>
+
+// fd -1 means /dev/null. A failed fork ends the process with status 1.
+// In the child only descriptors 0, 1 and 2 stay open.
+pid_t fork_execv_pipes(int fd_in, int fd_out, int fd_err, const char *path, char *const argv[]);
+
+// Same, with the arguments listed and ended by a null pointer.
+pid_t fork_execl_pipes(int fd_in, int fd_out, int fd_err, const char *path, const char *arg0, ...)
+    __attribute__((sentinel));
+
+// Moves fd onto target (fd -1: /dev/null). Returns target or -1. Child side only.
+int redirect_fd(int fd, int target);
+
+// Exit status 0..255 of a normally ended child, else -1 (logged).
+int wait_for_child(pid_t pid, const char *name);
