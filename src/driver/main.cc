@@ -15,7 +15,11 @@
 
 #include "driver/delivery_codes.h"
 #include "driver/log.h"
+#include "driver/mailbox_dir.h"
+#include "dotqmail/qmail_file.h"
+#include "handlers/handler_pass.h"
 #include "spool/spool.h"
+#include "store/lda.h"
 
 namespace {
 
@@ -101,6 +105,27 @@ int main(int argc, char **argv) {
         exitWithStatus(75, "4.6.0 Unable to read message content");
     }
 
-    // Later stages are not wired yet: defer, so nothing accepted is lost.
-    finish(spoolPath, exitForDeliveryResult(DR_TEMPORARY));
+    char empty[] = "";
+    char *addresses[] = {empty, empty, const_cast<char *>(cmd.sender), const_cast<char *>(cmd.recipient), nullptr};
+    int status = mh_run_handlers(nullptr, addresses, nullptr, spoolPath, 2);
+    if (status == DS_DISCARDED) {
+        syslog(LOG_NOTICE, "message discarded by a mail handler");
+        finish(spoolPath, {0, ""});
+    }
+    if (status != DS_OK)
+        finish(spoolPath, exitForDeliveryStatus(status));
+
+    char *mailname = nullptr;
+    char *domain = nullptr;
+    splitAddress(recipientCopy, &mailname, &domain);
+    if (enterMailboxDir(cmd.mailnamesDir, domain, mailname) != 0) {
+        // An unknown mailbox is not the transfer agent's problem to retry.
+        syslog(19, "Unknown user: %s@%s", mailname, domain);
+        finish(spoolPath, {0, ""});
+    }
+
+    int result = processQmailFile(".qmail", spoolPath, cmd.sender, cmd.recipient);
+    if (result == DR_NO_INSTRUCTIONS)
+        result = mapDeliveryCode(lda_deliver_file(spoolPath, cmd.recipient, "INBOX"));
+    finish(spoolPath, exitForDeliveryResult(result));
 }

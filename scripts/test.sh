@@ -1,0 +1,15 @@
+#!/usr/bin/env bash
+# Installs dependencies, builds ferndrop twice (release and sanitized) and
+# runs every test against both builds.
+set -euo pipefail
+cd "$(dirname "$0")/.."
+scripts/install-deps.sh
+for flavour in release sanitize; do
+  echo "== $flavour build"
+  scripts/build.sh "$flavour"
+  echo "== $flavour tests"
+  labels=()
+  # Syscall fault injection counts the release binary's own syscalls.
+  [ "$flavour" = sanitize ] && labels=(-LE release-only)
+  ctest --test-dir "build/$flavour" --output-on-failure -j"$(nproc)" "${labels[@]}"
+done

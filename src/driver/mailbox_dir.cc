@@ -1,0 +1,91 @@
+// Splitting a recipient into mailname and domain, and entering its mailbox
+// directory <mailnames>/<domain>/<mailname>.
+//
+// Promises: the working directory only ever moves downwards into the
+// mailnames tree: a name holding "/" or naming "." or ".." is refused, so no
+// recipient can reach a directory outside it. An exact name always beats a
+// case-insensitive match, and only real directories (never symbolic links)
+// are matched without regard to case. Every failure logs one line at mail.err
+// and leaves errno meaningful for the caller's own line.
+#include "driver/mailbox_dir.h"
+
+#include <cerrno>
+#include <cstring>
+#include <dirent.h>
+#include <strings.h>
+#include <unistd.h>
+
+#include "driver/log.h"
+
+void splitAddress(char *address, char **mailname, char **domain) {
+    *mailname = address;
+    *domain = nullptr;
+    if (address == nullptr)
+        return;
+    char *at = strchr(address, '@');
+    if (at != nullptr) {
+        *at = '\0';
+        *domain = at + 1;
+    }
+}
+
+int chdirCaseless(const char *name) {
+    if (name == nullptr) {
+        errno = ENOENT;
+        return -1;
+    }
+    if (strchr(name, '/') != nullptr) {
+        LogFunction(19, "bad entry %s (contains /)", name);
+        errno = ENOTDIR;
+        return -1;
+    }
+    // A recipient "..@example.com" must not climb out of the domain directory.
+    if (strcmp(name, ".") == 0 || strcmp(name, "..") == 0) {
+        LogFunction(19, "bad entry %s (is . or ..)", name);
+        errno = ENOTDIR;
+        return -1;
+    }
+    if (chdir(name) == 0)
+        return 0;
+    if (errno != ENOENT)
+        return -1;
+
+    DIR *dir = opendir(".");
+    if (dir == nullptr) {
+        int saved = errno;
+        LogFunction(19, "cannot opendir '.': %s", strerror(saved));
+        errno = saved;
+        return -1;
+    }
+    errno = 0;
+    while (dirent *entry = readdir(dir)) {
+        // A link could point anywhere; only a real directory may stand in for a
+        // differently cased name. The exact name was tried above, links included.
+        if (entry->d_type != DT_DIR || strcasecmp(entry->d_name, name) != 0)
+            continue;
+        int result = chdir(entry->d_name);
+        int saved = errno;
+        closedir(dir);
+        errno = saved;
+        return result;
+    }
+    closedir(dir);
+    errno = ENOENT;
+    return -1;
+}
+
+int enterMailboxDir(const char *mailnamesDir, const char *domain, const char *mailname) {
+    if (chdir(mailnamesDir) != 0) {
+        LogFunction(19, "cannot chdir to mailnames dir %s: %s", mailnamesDir, strerror(errno));
+        return -1;
+    }
+    if (chdirCaseless(domain) != 0) {
+        LogFunction(19, "cannot chdir to domain dir %s: %s", domain, strerror(errno));
+        return -1;
+    }
+    if (chdirCaseless(mailname) != 0) {
+        LogFunction(19, "cannot chdir to mailname dir %s: %s", mailname, strerror(errno));
+        return -1;
+    }
+    return 0;
+}

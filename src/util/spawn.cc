@@ -1,0 +1,107 @@
+// Starting outside programs (sendmail, the shell, the store's delivery agent)
+// with exactly three descriptors, and decoding how they ended.
+//
+// Promises: a child never inherits anything beyond descriptors 0, 1 and 2, so
+// spool and database handles cannot leak into programs a mailbox names; a
+// failed fork ends the whole process (status 1) rather than being mistaken
+// for a delivery result; every abnormal end of a child is logged once, here.
+#include "util/spawn.h"
+
+#include <cerrno>
+#include <cstdarg>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <fcntl.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include "driver/log.h"
+#include "util/error.h"
+
+int redirect_fd(int fd, int target) {
+    if (fd == target)
+        return fd;
+    if (fd == -1) {
+        fd = open("/dev/null", O_RDWR);
+        if (fd < 0)
+            return -1;
+    }
+    int result = dup2(fd, target);
+    close(fd);
+    return result;
+}
+
+pid_t fork_execv_pipes(int fd_in, int fd_out, int fd_err, const char *path, char *const argv[]) {
+    pid_t pid = fork();
+    if (pid < 0)
+        util_error(1, "fork_execv_pipes: fork() failed");
+    if (pid > 0)
+        return pid;
+
+    if (redirect_fd(fd_in, 0) == -1 || redirect_fd(fd_out, 1) == -1 || redirect_fd(fd_err, 2) == -1) {
+        fprintf(stderr, "fork_execv: dup() failed: %s\n", strerror(errno));
+        _exit(255);
+    }
+    int tableSize = getdtablesize();
+    for (int fd = 3; fd < tableSize; fd++)
+        close(fd);
+    errno = 0;
+    execv(path, argv);
+    fprintf(stderr, "fork_execv: execv(\"%s\") failed: %s\n", path, strerror(errno));
+    fflush(stderr);
+    _exit(255);
+}
+
+pid_t fork_execl_pipes(int fd_in, int fd_out, int fd_err, const char *path, const char *arg0, ...) {
+    size_t count = 0;
+    va_list args;
+    va_start(args, arg0);
+    for (const char *a = arg0; a != nullptr; a = va_arg(args, const char *))
+        count++;
+    va_end(args);
+
+    char **argv = static_cast<char **>(malloc((count + 1) * sizeof(char *)));
+    if (argv == nullptr)
+        util_error(1, "malloc() failed: %s", strerror(errno));
+    size_t i = 0;
+    va_start(args, arg0);
+    for (const char *a = arg0; a != nullptr; a = va_arg(args, const char *))
+        argv[i++] = const_cast<char *>(a);
+    va_end(args);
+    argv[i] = nullptr;
+
+    pid_t pid = fork_execv_pipes(fd_in, fd_out, fd_err, path, argv);
+    free(argv);
+    return pid;
+}
+
+int wait_for_child(pid_t pid, const char *name) {
+    if (name == nullptr)
+        name = "<unknown>";
+    if (pid < 0) {
+        LogFunction(3, "fork before spawning '%s' failed", name);
+        return -1;
+    }
+    int status = 0;
+    errno = 0;
+    pid_t got = waitpid(pid, &status, WUNTRACED);
+    if (got < 0) {
+        LogFunction(3, "waitpid(%ld) for '%s' process failed: %s (%d)", static_cast<long>(pid), name,
+                    strerror(errno), errno);
+        return -1;
+    }
+    if (WIFEXITED(status))
+        return WEXITSTATUS(status);
+    if (WIFSIGNALED(status)) {
+        LogFunction(4, "waitpid(%ld)=%ld: process '%s' killed by signal %d", static_cast<long>(pid),
+                    static_cast<long>(got), name, WTERMSIG(status));
+        return -1;
+    }
+    if (WIFSTOPPED(status)) {
+        LogFunction(4, "waitpid(%ld)=%ld: process '%s' stopped by signal %d", static_cast<long>(pid),
+                    static_cast<long>(got), name, WSTOPSIG(status));
+        return -1;
+    }
+    return -1;
+}
