@@ -1,7 +1,7 @@
 // Recording stand-in for outside programs (sendmail, deliverquota). For every
 // call it keeps argv, the environment, standard input and the descriptors that
-// were open at start in a fresh directory named in "<argv0>.conf", then exits
-// with the code given there.
+// were open at start (fds, and fdlinks with what each one refers to) in a
+// fresh directory named in "<argv0>.conf", then exits with the code given there.
 #include <dirent.h>
 #include <sys/stat.h>
 #include <fcntl.h>
@@ -51,13 +51,17 @@ int main(int argc, char **argv) {
             fclose(f);
         }
     };
-    std::string args, env, fdList;
+    std::string args, env, fdList, fdLinks;
     for (int i = 1; i < argc; i++)
         args += std::string(argv[i]) + "\n";
     for (char **e = environ; *e; e++)
         env += std::string(*e) + "\n";
-    for (const auto &fd : fds)
+    for (const auto &fd : fds) {
         fdList += fd + "\n";
+        char target[4096];
+        ssize_t len = readlink(("/proc/self/fd/" + fd).c_str(), target, sizeof target - 1);
+        fdLinks += fd + " " + std::string(target, len > 0 ? len : 0) + "\n";
+    }
     std::string input;
     char buf[65536];
     ssize_t n;
@@ -66,6 +70,7 @@ int main(int argc, char **argv) {
     put("argv", args);
     put("env", env);
     put("fds", fdList);
+    put("fdlinks", fdLinks);
     put("stdin", input);
     return exitCode;
 }

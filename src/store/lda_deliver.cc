@@ -1,0 +1,102 @@
+// Delivery of a spooled message into a mailbox's INBOX (or a "." folder)
+// through the installed IMAP/POP3 server's own delivery agent.
+//
+// Promises: the agent gets the message on descriptor 0, /dev/null on 1 (so
+// nothing it prints can be mistaken for our status line), our standard error
+// on 2, nothing else open, and our environment (DELIVERED_TO included). Its
+// exit status comes back unchanged so that the driver alone decides between
+// quota, permanent and temporary failure; -1 means it never ran or did not
+// end normally. Nothing is printed on standard output.
+#include <cerrno>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <fcntl.h>
+#include <unistd.h>
+
+#include "driver/log.h"
+#include "driver/mailbox_dir.h"
+#include "paths.h"
+#include "store/lda.h"
+#include "util/spawn.h"
+
+namespace {
+
+// The store's limit on a path; also bounds the IMAP folder name.
+const unsigned long kPathBufferSize = 4097;
+
+int deliverCourier(int fd, const char *recipient, const char *folder) {
+    char *copy = strdup(recipient);
+    if (copy == nullptr) {
+        int saved = errno;
+        LogFunction(3, "Unable to deliver mail - out of memory: %s [%d]", strerror(saved), saved);
+        return -1;
+    }
+    char *mailname = nullptr;
+    char *domain = nullptr;
+    splitAddress(copy, &mailname, &domain);
+    char maildir[kPathBufferSize];
+    int built = build_folder_path(maildir, sizeof maildir, mailname, domain, folder);
+    free(copy);
+    if (built != 0)
+        return -1;
+    pid_t pid = fork_execl_pipes(fd, -1, STDERR_FILENO, FERNDROP_DELIVERQUOTA, FERNDROP_DELIVERQUOTA, maildir,
+                                 static_cast<char *>(nullptr));
+    return wait_for_child(pid, FERNDROP_DELIVERQUOTA);
+}
+
+int deliverDovecot(int fd, const char *recipient, const char *folder) {
+    pid_t pid;
+    if (is_inbox_folder(folder)) {
+        pid = fork_execl_pipes(fd, -1, STDERR_FILENO, FERNDROP_DOVECOT_LDA, FERNDROP_DOVECOT_LDA, "-d", recipient,
+                               static_cast<char *>(nullptr));
+    } else if (is_dot_folder(folder)) {
+        char imapFolder[kPathBufferSize];
+        int length = snprintf(imapFolder, sizeof imapFolder, "INBOX%s", folder);
+        if (length < 0 || static_cast<unsigned long>(length) >= sizeof imapFolder) {
+            LogFunction(3, "IMAP folder name 'INBOX%s' is too long to be present on file system", folder);
+            return -1;
+        }
+        pid = fork_execl_pipes(fd, -1, STDERR_FILENO, FERNDROP_DOVECOT_LDA, FERNDROP_DOVECOT_LDA, "-d", recipient,
+                               "-m", imapFolder, static_cast<char *>(nullptr));
+    } else {
+        return -1;
+    }
+    return wait_for_child(pid, FERNDROP_DOVECOT_LDA);
+}
+
+}  // namespace
+
+int lda_deliver_fd(int fd, const char *recipient, const char *folder) {
+    if (strchr(recipient, '@') == nullptr) {
+        LogFunction(3, "Unable to deliver mail message to short address '%s' - I don't know how to do it", recipient);
+        return -1;
+    }
+    switch (detect_server_type()) {
+    case SERVER_COURIER_IMAP:
+        return deliverCourier(fd, recipient, folder);
+    case SERVER_DOVECOT:
+        return deliverDovecot(fd, recipient, folder);
+    case SERVER_UNKNOWN:
+        break;
+    }
+    LogFunction(3, "Unable to deliver mail message to '%s' because I failed to find suitable delivery method",
+                recipient);
+    return -1;
+}
+
+int lda_deliver_file(const char *path, const char *recipient, const char *folder) {
+    int fd = open(path, O_RDONLY);
+    if (fd < 0) {
+        int saved = errno;
+        LogFunction(3, "Unable to read mail message from '%s' for delivery to '%s': %s [%d]", path, recipient,
+                    strerror(saved), saved);
+        return -1;
+    }
+    int result = lda_deliver_fd(fd, recipient, folder);
+    if (result != 0)
+        LogFunction(6, "Mail delivery from '%s' to '%s' into 'INBOX%s' failed with return code %d", path, recipient,
+                    is_inbox_folder(folder) ? "" : folder, result);
+    close(fd);
+    return result;
+}

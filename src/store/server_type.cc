@@ -1,0 +1,47 @@
+// Which IMAP/POP3 server's delivery agent is installed.
+//
+// Promises: Courier-IMAP's agent wins whenever it exists, even over a usable
+// Dovecot agent, and an unusable Courier agent fails the detection outright
+// rather than silently falling through to Dovecot (a half-installed Courier
+// would otherwise get its mail stored somewhere its users never look).
+// Only a successful detection is remembered, so a failure is looked at again
+// on the next call.
+#include <sys/stat.h>
+
+#include "driver/log.h"
+#include "paths.h"
+#include "store/lda.h"
+
+namespace {
+ServerType cachedType = SERVER_UNKNOWN;
+}
+
+ServerType detect_server_type() {
+    if (cachedType != SERVER_UNKNOWN)
+        return cachedType;
+
+    struct stat st;
+    ServerType candidate;
+    const char *path;
+    if (stat(FERNDROP_DELIVERQUOTA, &st) == 0) {
+        candidate = SERVER_COURIER_IMAP;
+        path = FERNDROP_DELIVERQUOTA;
+    } else if (stat(FERNDROP_DOVECOT_LDA, &st) == 0) {
+        candidate = SERVER_DOVECOT;
+        path = FERNDROP_DOVECOT_LDA;
+    } else {
+        LogFunction(3, "Unable to detect IMAP/POP3 server type - no LDA found");
+        return SERVER_UNKNOWN;
+    }
+
+    if (!S_ISREG(st.st_mode) || (st.st_mode & (S_IXUSR | S_IXGRP | S_IXOTH)) == 0) {
+        LogFunction(3,
+                    "Unable to detect IMAP/POP3 server type - LDA is present at '%s' but is not a regular file or "
+                    "is not executable",
+                    path);
+        cachedType = SERVER_UNKNOWN;
+        return SERVER_UNKNOWN;
+    }
+    cachedType = candidate;
+    return candidate;
+}

@@ -1,0 +1,328 @@
+// Default delivery into INBOX through the store's own delivery agent, as the
+// transfer agent sees it: which agent is chosen, what it is started with, how
+// its exit status becomes ours; and recipients whose mailbox directory cannot
+// be entered (including ones that try to climb out of the mailnames tree).
+#include <gtest/gtest.h>
+#include <pwd.h>
+#include <signal.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cstdlib>
+#include <fstream>
+#include <sstream>
+
+#include "sandbox.h"
+
+namespace {
+
+const std::string kSender = "sender@example.org";
+const std::string kMessage =
+    "From: sender@example.org\nTo: user@example.com\nMessage-ID: <store.1@example.org>\nSubject: store\n\n"
+    "first line\n\n  indented line\nlast line\n";
+const std::string kCourierAgent = "/usr/bin/deliverquota";
+const std::string kDovecotAgent = "/usr/libexec/dovecot/dovecot-lda";
+const std::string kSpoolDir = "/usr/local/qrn/handlers/spool";
+
+std::string readHost(const std::string &path) {
+    std::ifstream in(path, std::ios::binary);
+    std::ostringstream ss;
+    ss << in.rdbuf();
+    return ss.str();
+}
+
+std::string fixture(const std::string &name) { return readHost(sourceDir() + "/tests/e2e/fixtures/" + name); }
+
+std::string replaceAll(std::string text, const std::string &from, const std::string &to) {
+    for (size_t p = text.find(from); p != std::string::npos; p = text.find(from, p + to.size()))
+        text.replace(p, from.size(), to);
+    return text;
+}
+
+std::vector<std::string> lines(const std::string &text) {
+    std::vector<std::string> out;
+    std::istringstream in(text);
+    for (std::string line; std::getline(in, line);)
+        out.push_back(line);
+    return out;
+}
+
+bool hasLine(const std::string &text, const std::string &line) {
+    for (const auto &l : lines(text))
+        if (l == line)
+            return true;
+    return false;
+}
+
+class StoreTest : public ::testing::Test {
+  protected:
+    void SetUp() override {
+        sb.standardLayout();
+        sb.mailbox("example.com", "user");
+    }
+    RunResult deliver(const std::string &recipient, const std::string &message = kMessage) {
+        return sb.ferndrop({"-f", kSender, "-d", recipient, "-p", sb.mailnames()}, message);
+    }
+    Sandbox sb;
+};
+
+// --- Courier-IMAP's deliverquota ------------------------------------------
+
+TEST_F(StoreTest, CourierAgentGetsTheStoreMaildirAndOnlyTheThreeStreams) {
+    sb.installRecorder(kCourierAgent, "deliverquota");
+    sb.write("/etc/qrn/qrn.conf", "# panel settings\nKAVRA_MAILNAMES_D\t/srv/store   # moved\n");
+    // The mailbox directory is found regardless of case; the store path keeps
+    // the recipient's spelling, since the agent's tree is not searched.
+    RunResult r = deliver("User@Example.COM");
+    EXPECT_EQ(r.status, 0) << r.logDump() << r.err;
+    EXPECT_EQ(r.out, "");
+
+    auto calls = sb.calls("deliverquota");
+    ASSERT_EQ(calls.size(), 1u) << r.logDump();
+    const std::string &call = calls[0];
+    EXPECT_EQ(readHost(call + "/argv"), "/srv/store/Example.COM/User/Maildir\n");
+    EXPECT_EQ(readHost(call + "/stdin"), kMessage);
+    EXPECT_TRUE(hasLine(readHost(call + "/env"), "DELIVERED_TO=User@Example.COM"));
+    EXPECT_EQ(readHost(call + "/fds"), "0\n1\n2\n");
+    auto links = lines(readHost(call + "/fdlinks"));
+    ASSERT_EQ(links.size(), 3u);
+    EXPECT_EQ(links[0].rfind("0 " + kSpoolDir + "/message", 0), 0u) << links[0];
+    EXPECT_EQ(links[1], "1 /dev/null");
+    EXPECT_EQ(links[2], "2 " + sb.root() + "/runs/1/stderr");
+    EXPECT_TRUE(sb.list(kSpoolDir).empty());
+}
+
+TEST_F(StoreTest, CourierMaildirDefaultsToVarQmailMailnames) {
+    sb.installRecorder(kCourierAgent, "deliverquota");
+    RunResult r = deliver("user@example.com");
+    EXPECT_EQ(r.status, 0) << r.logDump();
+    auto calls = sb.calls("deliverquota");
+    ASSERT_EQ(calls.size(), 1u);
+    EXPECT_EQ(readHost(calls[0] + "/argv"), "/var/qmail/mailnames/example.com/user/Maildir\n");
+}
+
+TEST_F(StoreTest, AgentExitStatusBecomesOurs) {
+    struct Case {
+        int agentExit;
+        int status;
+        std::string out;
+    };
+    const std::string permanent = "5.7.1 Message can't be delivered\n";
+    const std::string temporary = "4.2.1 Message can not be delivered at this time\n";
+    for (const Case &c : {Case{0, 0, ""}, Case{77, 77, "5.7.1 Mail quota exceeded\n"}, Case{65, 71, permanent},
+                          Case{100, 71, permanent}, Case{75, 75, temporary}, Case{1, 75, temporary},
+                          Case{99, 75, temporary}}) {
+        SCOPED_TRACE(c.agentExit);
+        sb.installRecorder(kCourierAgent, "deliverquota", c.agentExit);
+        RunResult r = deliver("user@example.com");
+        EXPECT_EQ(r.status, c.status) << r.logDump();
+        EXPECT_EQ(r.out, c.out);
+        std::string summary =
+            "' to 'user@example.com' into 'INBOX' failed with return code " + std::to_string(c.agentExit);
+        EXPECT_EQ(r.loggedContaining(summary), c.agentExit != 0) << r.logDump();
+        EXPECT_TRUE(sb.list(kSpoolDir).empty());
+    }
+    EXPECT_EQ(sb.calls("deliverquota").size(), 7u);
+}
+
+TEST_F(StoreTest, NoAgentInstalledCannotDeliver) {
+    RunResult r = deliver("user@example.com");
+    EXPECT_EQ(r.status, 71) << r.logDump();
+    EXPECT_EQ(r.out, "5.7.1 Message can't be delivered\n");
+    EXPECT_TRUE(r.logged(3, "Unable to detect IMAP/POP3 server type - no LDA found")) << r.logDump();
+    EXPECT_TRUE(r.logged(
+        3, "Unable to deliver mail message to 'user@example.com' because I failed to find suitable delivery method"));
+    EXPECT_TRUE(r.loggedContaining("' to 'user@example.com' into 'INBOX' failed with return code -1"));
+    EXPECT_TRUE(sb.list(kSpoolDir).empty());
+}
+
+TEST_F(StoreTest, CourierAgentIsPreferredAndAnUnusableOneFailsTheDetection) {
+    sb.installRecorder(kDovecotAgent, "dovecot");
+    sb.installRecorder(kCourierAgent, "deliverquota");
+    RunResult both = deliver("user@example.com");
+    EXPECT_EQ(both.status, 0) << both.logDump();
+    EXPECT_EQ(sb.calls("deliverquota").size(), 1u);
+    EXPECT_EQ(sb.calls("dovecot").size(), 0u);
+
+    const std::string unusable = "Unable to detect IMAP/POP3 server type - LDA is present at '" + kCourierAgent +
+                                 "' but is not a regular file or is not executable";
+    sb.write(kCourierAgent, "#!/bin/sh\nexit 0\n", 0644);
+    RunResult notExecutable = deliver("user@example.com");
+    EXPECT_EQ(notExecutable.status, 71);
+    EXPECT_TRUE(notExecutable.logged(3, unusable)) << notExecutable.logDump();
+
+    sb.remove(kCourierAgent);
+    sb.mkdirs(kCourierAgent);
+    RunResult directory = deliver("user@example.com");
+    EXPECT_EQ(directory.status, 71);
+    EXPECT_TRUE(directory.logged(3, unusable)) << directory.logDump();
+
+    EXPECT_EQ(sb.calls("dovecot").size(), 0u) << "a usable Dovecot agent is not a fallback";
+    EXPECT_EQ(sb.calls("deliverquota").size(), 1u);
+
+    sb.remove(kCourierAgent);
+    RunResult dovecotOnly = deliver("user@example.com");
+    EXPECT_EQ(dovecotOnly.status, 0) << dovecotOnly.logDump();
+    auto calls = sb.calls("dovecot");
+    ASSERT_EQ(calls.size(), 1u);
+    EXPECT_EQ(readHost(calls[0] + "/argv"), "-d\nuser@example.com\n");
+    EXPECT_EQ(readHost(calls[0] + "/fds"), "0\n1\n2\n");
+}
+
+// The real Courier agent (Debian's maildrop package ships it) storing into a
+// real Maildir below KAVRA_MAILNAMES_D.
+TEST_F(StoreTest, RealDeliverquotaStoresRefusesOverQuotaAndDefersWithoutMaildir) {
+    const std::string real = "/usr/sbin/deliverquota.maildrop";
+    if (access(real.c_str(), X_OK) != 0)
+        GTEST_SKIP() << real << " is not installed";
+    sb.write(kCourierAgent, readHost(real), 0755);
+    const std::string store = sb.root() + "/store";
+    sb.write("/etc/qrn/qrn.conf", "KAVRA_MAILNAMES_D " + store + "\n");
+    const std::string maildir = store + "/example.com/user/Maildir";
+    for (const char *sub : {"/tmp", "/new", "/cur"})
+        sb.mkdirs(maildir + sub);
+
+    RunResult stored = deliver("user@example.com");
+    EXPECT_EQ(stored.status, 0) << stored.logDump() << stored.err;
+    EXPECT_EQ(stored.out, "");
+    auto files = sb.list(maildir + "/new");
+    ASSERT_EQ(files.size(), 1u);
+    EXPECT_EQ(readHost(maildir + "/new/" + files[0]), kMessage);
+
+    // A 10-byte quota: the agent answers 77 and prints its own reason on its
+    // standard output, which must not reach ours.
+    sb.write(maildir + "/maildirsize", "10S\n0 0\n");
+    RunResult overQuota = deliver("user@example.com");
+    EXPECT_EQ(overQuota.status, 77) << overQuota.logDump();
+    EXPECT_EQ(overQuota.out, "5.7.1 Mail quota exceeded\n");
+    EXPECT_EQ(sb.list(maildir + "/new").size(), 1u);
+
+    sb.mailbox("example.com", "other");
+    RunResult noMaildir = deliver("other@example.com");
+    EXPECT_EQ(noMaildir.status, 75) << noMaildir.logDump();
+    EXPECT_EQ(noMaildir.out, "4.2.1 Message can not be delivered at this time\n");
+    EXPECT_TRUE(noMaildir.loggedContaining("' to 'other@example.com' into 'INBOX' failed with return code 75"));
+}
+
+// --- Dovecot's LDA ----------------------------------------------------------
+
+// The real LDA needs Dovecot's auth service for its userdb lookup, so each run
+// starts a private Dovecot master (no listeners) inside the namespace and
+// stops it before the namespace ends.
+class DovecotStoreTest : public StoreTest {
+  protected:
+    void SetUp() override {
+        if (access("/usr/lib/dovecot/dovecot-lda", X_OK) != 0 || access("/usr/sbin/dovecot", X_OK) != 0)
+            GTEST_SKIP() << "Dovecot is not installed";
+        passwd *mail = getpwnam("mail");
+        if (mail == nullptr)
+            GTEST_SKIP() << "no system user mail";
+        mailUid = mail->pw_uid;
+        mailGid = mail->pw_gid;
+        StoreTest::SetUp();
+        std::string conf = replaceAll(fixture("dovecot.conf"), "@MAILNAMES@", sb.mailnames());
+        sb.write("/etc/dovecot/dovecot.conf", replaceAll(conf, "@LOG@", dovecotLog()));
+    }
+    void TearDown() override {
+        // A master that outlived its run would outlive the test: stop it here.
+        pid_t pid = atoi(readHost(sb.host("/run/dovecot/master.pid")).c_str());
+        if (pid > 0 && readHost("/proc/" + std::to_string(pid) + "/comm").rfind("dovecot", 0) == 0) {
+            kill(pid, SIGTERM);
+            ADD_FAILURE() << "Dovecot master " << pid << " was still running";
+        }
+    }
+    std::string dovecotLog() const { return sb.root() + "/dovecot.log"; }
+    // A mailbox directory the LDA (running as "mail") can store into.
+    std::string mailbox(const std::string &domain, const std::string &mailname) {
+        std::string dir = sb.mailbox(domain, mailname);
+        if (chown(dir.c_str(), mailUid, mailGid) != 0)
+            ADD_FAILURE() << "chown " << dir;
+        return dir;
+    }
+    RunResult deliverWithDovecot(const std::string &recipient, const std::string &message = kMessage) {
+        std::string script = "/usr/sbin/dovecot || exit 120\n"
+                             "'" + ferndropBinary() + "' -f '" + kSender + "' -d '" + recipient + "' -p '" +
+                             sb.mailnames() +
+                             "'\n"
+                             "rc=$?\n"
+                             "pid=$(cat /run/dovecot/master.pid)\n"
+                             "/usr/sbin/dovecot stop >&2\n"
+                             "n=0\n"
+                             "while kill -0 \"$pid\" 2>/dev/null && [ $n -lt 600 ]; do sleep 0.1; n=$((n+1)); done\n"
+                             "exit $rc\n";
+        return sb.shell(script, message);
+    }
+    std::vector<std::string> newMail(const std::string &box) { return sb.list(box + "/Maildir/new"); }
+
+    uid_t mailUid = 0;
+    gid_t mailGid = 0;
+};
+
+TEST_F(DovecotStoreTest, MixedCaseRecipientLandsInTheLowerCaseMailboxUnchanged) {
+    // Installed as a link, as packages do: detection follows it.
+    sb.mkdirs("/usr/libexec/dovecot");
+    ASSERT_EQ(symlink("/usr/lib/dovecot/dovecot-lda", sb.host(kDovecotAgent).c_str()), 0);
+    std::string box = mailbox("example.com", "john.doe");
+    RunResult r = deliverWithDovecot("John.Doe@Example.COM");
+    EXPECT_EQ(r.status, 0) << r.logDump() << r.err << readHost(dovecotLog());
+    EXPECT_EQ(r.out, "");
+    auto files = newMail(box);
+    ASSERT_EQ(files.size(), 1u) << readHost(dovecotLog());
+    // Dovecot's LDA adds no header when it is given no envelope sender.
+    EXPECT_EQ(readHost(box + "/Maildir/new/" + files[0]), kMessage);
+    EXPECT_FALSE(sb.exists(sb.mailnames() + "/Example.COM"));
+    EXPECT_TRUE(sb.list(kSpoolDir).empty());
+}
+
+TEST_F(DovecotStoreTest, AgentIsStartedWithTheRecipientAndDeliveredTo) {
+    const std::string record = sb.root() + "/dovecot-call";
+    sb.mkdirs(record, 0777);
+    sb.write(kDovecotAgent, replaceAll(fixture("dovecot-lda-recording.sh"), "@RECORD@", record), 0755);
+    std::string box = mailbox("example.com", "user");
+    RunResult r = deliverWithDovecot("user@example.com");
+    EXPECT_EQ(r.status, 0) << r.logDump() << r.err << readHost(dovecotLog());
+    EXPECT_EQ(readHost(record + "/argv"), "-d\nuser@example.com\n");
+    EXPECT_TRUE(hasLine(readHost(record + "/env"), "DELIVERED_TO=user@example.com"));
+    EXPECT_EQ(readHost(record + "/stdout-target"), "/dev/null\n");
+    EXPECT_EQ(readHost(record + "/stdin-target").rfind(kSpoolDir + "/message", 0), 0u);
+    auto files = newMail(box);
+    ASSERT_EQ(files.size(), 1u) << readHost(dovecotLog());
+    EXPECT_EQ(readHost(box + "/Maildir/new/" + files[0]), kMessage);
+}
+
+// --- Mailbox directories that cannot be entered -----------------------------
+
+TEST_F(StoreTest, UnknownUsersAreDroppedWithoutDelivery) {
+    sb.installRecorder(kCourierAgent, "deliverquota");
+    // Targets that a recipient climbing out of its domain would reach.
+    sb.mkdirs(sb.root() + "/user");
+    sb.mkdirs(sb.mailnames() + "/user");
+    struct Case {
+        std::string recipient;
+        std::string unknown;
+        std::string detail;
+    };
+    for (const Case &c : {
+             Case{"nobody@example.com", "Unknown user: nobody@example.com",
+                  "cannot chdir to mailname dir nobody: No such file or directory"},
+             Case{"user@example.org", "Unknown user: user@example.org",
+                  "cannot chdir to domain dir example.org: No such file or directory"},
+             Case{"user@", "Unknown user: user@", "cannot chdir to domain dir : No such file or directory"},
+             Case{"..@example.com", "Unknown user: ..@example.com", "bad entry .. (is . or ..)"},
+             Case{"user@..", "Unknown user: user@..", "bad entry .. (is . or ..)"},
+             Case{"user@.", "Unknown user: user@.", "bad entry . (is . or ..)"},
+             Case{"user@example.com/../..", "Unknown user: user@example.com/../..",
+                  "bad entry example.com/../.. (contains /)"},
+         }) {
+        SCOPED_TRACE(c.recipient);
+        RunResult r = deliver(c.recipient);
+        EXPECT_EQ(r.status, 0);
+        EXPECT_EQ(r.out, "");
+        EXPECT_TRUE(r.logged(3, c.unknown)) << r.logDump();
+        EXPECT_TRUE(r.logged(3, c.detail)) << r.logDump();
+        EXPECT_TRUE(sb.list(kSpoolDir).empty());
+    }
+    EXPECT_EQ(sb.calls("deliverquota").size(), 0u);
+}
+
+}  // namespace

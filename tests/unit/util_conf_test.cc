@@ -1,0 +1,240 @@
+// The configuration file reader: which lines define what, which are refused
+// with which message, how the entry array grows, and the defaults.
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+
+#include <cerrno>
+#include <cstdlib>
+#include <cstring>
+#include <map>
+
+#include "paths.h"
+#include "test_support.h"
+#include "util/conf.h"
+
+namespace {
+
+const std::string kNoSpace = "\nExpected a space after variable name\n";
+const std::string kNoValue = "\nExpected a value";
+
+struct Parsed {
+    int result = -1;
+    int error = 0;
+    RuntimeConfig *config = nullptr;
+    std::map<std::string, std::string> values;
+
+    ~Parsed() { conf_free(config); }
+};
+
+void parseText(const std::string &text, Parsed &parsed) {
+    ScratchDir dir;
+    writeFile(dir / "qrn.conf", text);
+    parsed.config = static_cast<RuntimeConfig *>(calloc(1, sizeof(RuntimeConfig)));
+    errno = 0;
+    parsed.result = conf_parse_file((dir / "qrn.conf").c_str(), parsed.config);
+    parsed.error = errno;
+    for (size_t i = 0; i < parsed.config->count; i++)
+        parsed.values[parsed.config->entries[i].name] = parsed.config->entries[i].value;
+}
+
+TEST(ConfParse, AcceptedLinesAndTheirValues) {
+    LogCapture log;
+    Parsed p;
+    parseText("KAVRA_MAILNAMES_D /var/qmail/mailnames\n"
+              "TAB_SEPARATED\t/srv/tab\n"
+              "  \t INDENTED   spaced out value  \n"
+              "COMMENTED /srv/commented \t # the old one was /srv/old\n"
+              "JOINED_COMMENT /srv/joined#comment\n"
+              "CRLF /srv/crlf\r\n"
+              "kavra_mailnames_d lower-case is another name\n"
+              "_under_9 x\n"
+              "NO_NEWLINE_AT_END last",
+              p);
+    ASSERT_EQ(p.result, 0);
+    EXPECT_TRUE(log.lines().empty()) << log.dump();
+    std::map<std::string, std::string> expected = {
+        {"KAVRA_MAILNAMES_D", "/var/qmail/mailnames"},
+        {"TAB_SEPARATED", "/srv/tab"},
+        {"INDENTED", "spaced out value"},
+        {"COMMENTED", "/srv/commented"},
+        {"JOINED_COMMENT", "/srv/joined"},
+        {"CRLF", "/srv/crlf"},
+        {"kavra_mailnames_d", "lower-case is another name"},
+        {"_under_9", "x"},
+        {"NO_NEWLINE_AT_END", "last"},
+    };
+    EXPECT_EQ(p.values, expected);
+}
+
+TEST(ConfParse, RejectedLinesAreLoggedAndSkipped) {
+    LogCapture log;
+    Parsed p;
+    parseText("# a comment\n"
+              "\n"
+              "   \t\n"
+              "   # indented comment\n"
+              "KAVRA_MAILNAMES_D=/srv/mail\n"
+              "  MY-NAME value\n"
+              "-leading dash\n"
+              "KAVRA_MAILNAMES_D\n"
+              "NAME_ONLY_WITH_COMMENT   # nothing here\n"
+              "NAME_AT_END_OF_FILE",
+              p);
+    ASSERT_EQ(p.result, 0);
+    EXPECT_TRUE(p.values.empty());
+    std::vector<LoggedLine> expected = {
+        {12, "Invalid variable definition KAVRA_MAILNAMES_D=/srv/mail\n" + kNoSpace},
+        {12, "Invalid variable definition MY-NAME value\n" + kNoSpace},
+        {12, "Invalid variable definition -leading dash\n" + kNoSpace},
+        {12, "Invalid variable definition KAVRA_MAILNAMES_D\n" + kNoValue},
+        {12, "Invalid variable definition NAME_ONLY_WITH_COMMENT   # nothing here\n" + kNoValue},
+        // Without a line feed nothing follows the name, not even whitespace.
+        {12, "Invalid variable definition NAME_AT_END_OF_FILE" + kNoSpace},
+    };
+    ASSERT_EQ(log.lines().size(), expected.size()) << log.dump();
+    for (size_t i = 0; i < expected.size(); i++) {
+        EXPECT_EQ(log.lines()[i].priority, expected[i].priority);
+        EXPECT_EQ(log.lines()[i].text, expected[i].text);
+    }
+}
+
+TEST(ConfParse, LaterDefinitionWins) {
+    Parsed p;
+    parseText("KAVRA_MAILNAMES_D /first\nOTHER x\nKAVRA_MAILNAMES_D /second\n", p);
+    ASSERT_EQ(p.result, 0);
+    EXPECT_EQ(p.config->count, 2u);
+    EXPECT_EQ(p.values["KAVRA_MAILNAMES_D"], "/second");
+}
+
+TEST(ConfParse, EmptyAndCommentOnlyFilesLoadWithNoEntries) {
+    for (const std::string text : {"", "# only\n#comments\n\n"}) {
+        LogCapture log;
+        Parsed p;
+        parseText(text, p);
+        EXPECT_EQ(p.result, 0);
+        EXPECT_EQ(p.config->count, 0u);
+        EXPECT_TRUE(log.lines().empty());
+    }
+}
+
+TEST(ConfParse, ManyDefinitionsGrowTheArrayAndEndSorted) {
+    for (int n : {20, 21, 41, 81}) {
+        SCOPED_TRACE(n);
+        std::string text;
+        // Written in descending order so that the sort has work to do.
+        for (int i = n; i > 0; i--)
+            text += "VAR_" + std::to_string(1000 + i) + " value" + std::to_string(i) + "\n";
+        Parsed p;
+        parseText(text, p);
+        ASSERT_EQ(p.result, 0);
+        ASSERT_EQ(p.config->count, static_cast<size_t>(n));
+        size_t capacity = n <= 20 ? 20 : n <= 40 ? 40 : n <= 80 ? 80 : 160;
+        EXPECT_EQ(p.config->capacity, capacity);
+        EXPECT_TRUE(p.config->sorted);
+        for (int i = 1; i <= n; i++)
+            EXPECT_EQ(p.values["VAR_" + std::to_string(1000 + i)], "value" + std::to_string(i));
+        for (size_t i = 1; i < p.config->count; i++)
+            EXPECT_LT(strcmp(p.config->entries[i - 1].name, p.config->entries[i].name), 0);
+    }
+}
+
+TEST(ConfParse, MissingFileAndReadErrorFailWithTheirErrno) {
+    ScratchDir dir;
+    {
+        LogCapture log;
+        RuntimeConfig *config = static_cast<RuntimeConfig *>(calloc(1, sizeof(RuntimeConfig)));
+        std::string path = dir / "absent.conf";
+        errno = 0;
+        EXPECT_EQ(conf_parse_file(path.c_str(), config), -1);
+        EXPECT_EQ(errno, ENOENT);
+        EXPECT_TRUE(log.contains(12, "unable to open configuration file " + path + ": No such file or directory\n"))
+            << log.dump();
+        conf_free(config);
+    }
+    {
+        // A directory opens as a stream but cannot be read.
+        LogCapture log;
+        RuntimeConfig *config = static_cast<RuntimeConfig *>(calloc(1, sizeof(RuntimeConfig)));
+        errno = 0;
+        EXPECT_EQ(conf_parse_file(dir.path().c_str(), config), -1);
+        EXPECT_EQ(errno, EISDIR);
+        EXPECT_TRUE(log.contains(12, "Unable to read configuration file: Is a directory")) << log.dump();
+        conf_free(config);
+    }
+}
+
+TEST(ConfEntries, ReserveDoublesFromTwenty) {
+    RuntimeConfig *config = static_cast<RuntimeConfig *>(calloc(1, sizeof(RuntimeConfig)));
+    ASSERT_EQ(conf_reserve(config), 0);
+    EXPECT_EQ(config->capacity, 20u);
+    EXPECT_EQ(config->count, 0u);
+    EXPECT_TRUE(config->sorted);
+    ASSERT_EQ(conf_reserve(config), 0);
+    EXPECT_EQ(config->capacity, 20u) << "room left: no growth";
+    for (size_t expected : {40u, 80u, 160u}) {
+        while (config->count < config->capacity) {
+            std::string name = "N" + std::to_string(config->count);
+            ASSERT_EQ(conf_put(name.c_str(), "v", config), 0);
+        }
+        ASSERT_EQ(conf_reserve(config), 0);
+        EXPECT_EQ(config->capacity, expected);
+    }
+    conf_free(config);
+}
+
+TEST(ConfEntries, PutAppendsOrReplacesAndSortIsByBytes) {
+    RuntimeConfig *config = static_cast<RuntimeConfig *>(calloc(1, sizeof(RuntimeConfig)));
+    ASSERT_EQ(conf_put("b", "1", config), 0);
+    EXPECT_FALSE(config->sorted);
+    ASSERT_EQ(conf_put("_", "2", config), 0);
+    ASSERT_EQ(conf_put("B", "3", config), 0);
+    conf_sort(config);
+    EXPECT_TRUE(config->sorted);
+    ASSERT_EQ(config->count, 3u);
+    EXPECT_STREQ(config->entries[0].name, "B");
+    EXPECT_STREQ(config->entries[1].name, "_");
+    EXPECT_STREQ(config->entries[2].name, "b");
+    ASSERT_EQ(conf_put("_", "replaced", config), 0);
+    EXPECT_EQ(config->count, 3u);
+    EXPECT_TRUE(config->sorted) << "replacing a value keeps the order";
+    EXPECT_STREQ(config->entries[1].value, "replaced");
+    conf_free(config);
+    conf_free(nullptr);
+}
+
+// The process-wide configuration reads the compiled-in path, which the unit
+// tests must not create; the end-to-end tests cover a present file.
+TEST(ConfGet, WithoutTheFileEveryLookupTriesAgainAndDefaultsApply) {
+    struct stat st;
+    if (stat(FERNDROP_CONF_FILE, &st) == 0)
+        GTEST_SKIP() << FERNDROP_CONF_FILE << " exists on this host";
+    LogCapture log;
+    EXPECT_STREQ(conf_get(KAVRA_MAILNAMES_D), "/var/qmail/mailnames");
+    EXPECT_STREQ(conf_get(KAVRA_MAILNAMES_D), "/var/qmail/mailnames");
+    EXPECT_EQ(conf_lookup("KAVRA_MAILNAMES_D"), nullptr);
+    EXPECT_EQ(conf_load(), -1);
+    std::string message = std::string("unable to open configuration file ") + FERNDROP_CONF_FILE +
+                          ": No such file or directory\n";
+    ASSERT_EQ(log.lines().size(), 4u) << log.dump();
+    for (const auto &line : log.lines()) {
+        EXPECT_EQ(line.priority, 12);
+        EXPECT_EQ(line.text, message);
+    }
+    EXPECT_STREQ(conf_get(_MIN_POSSIBLE_QRN_CONF_VAR_NAME), "_MIN_POSSIBLE_QRN_CONF_VAR_VALUE");
+    EXPECT_STREQ(conf_get(MAILMAN_VAR_D), "/var/lib/mailman");
+    EXPECT_STREQ(conf_get(HTTPD_SERVICE), "httpd");
+    EXPECT_STREQ(conf_get(SA_MAX_MAIL_SIZE), "256000");
+    EXPECT_STREQ(conf_get(PRODUCT_ROOT_D), "/usr/local/qrn");
+    EXPECT_STREQ(conf_get(_MAX_POSSIBLE_QRN_CONF_VAR_NAME), "_MAX_POSSIBLE_QRN_CONF_VAR_VALUE");
+}
+
+TEST(ConfGet, TableRowsMatchTheIdentifiers) {
+    EXPECT_STREQ(ConfigTable[_MIN_POSSIBLE_QRN_CONF_VAR_NAME].name, "_MIN_POSSIBLE_QRN_CONF_VAR_NAME");
+    EXPECT_STREQ(ConfigTable[KAVRA_MAILNAMES_D].name, "KAVRA_MAILNAMES_D");
+    EXPECT_STREQ(ConfigTable[DUMP_TMP_D].name, "DUMP_TMP_D");
+    EXPECT_STREQ(ConfigTable[MYSQL_SOCKET].name, "MYSQL_SOCKET");
+    EXPECT_STREQ(ConfigTable[_MAX_POSSIBLE_QRN_CONF_VAR_NAME].name, "_MAX_POSSIBLE_QRN_CONF_VAR_NAME");
+    EXPECT_EQ(static_cast<unsigned>(_MAX_POSSIBLE_QRN_CONF_VAR_NAME) + 1, sizeof ConfigTable / sizeof ConfigTable[0]);
+}
+
+}  // namespace
