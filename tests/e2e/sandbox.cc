@@ -263,6 +263,8 @@ void Sandbox::mkdirs(const std::string &path, mode_t mode) {
 
 std::string Sandbox::read(const std::string &path) const { return slurp(host(path)); }
 
+std::string Sandbox::slurpHost(const std::string &hostPath) { return slurp(hostPath); }
+
 bool Sandbox::exists(const std::string &path) const {
     struct stat st;
     return lstat(host(path).c_str(), &st) == 0;

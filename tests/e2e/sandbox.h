@@ -71,6 +71,9 @@ class Sandbox {
     // files argv, env, fds and stdin.
     std::vector<std::string> calls(const std::string &name) const;
 
+    // Whole content of a host file.
+    static std::string slurpHost(const std::string &hostPath);
+
     RunResult run(const RunSpec &spec);
     RunResult ferndrop(const std::vector<std::string> &args, const std::string &input,
                        const std::vector<std::string> &env = {});

@@ -1,0 +1,118 @@
+// Maildir delivery: one copy of the message as a new file in a maildir, by the
+// usual tmp-then-new scheme.
+//
+// Promises: a reader scanning `new` sees either nothing or the whole message,
+// never a partial one (the file is complete, synced and closed before the
+// rename); a success means the rename is on disk as well, because the `new`
+// directory is synced after it; a failure leaves nothing in `new` (a partial
+// file may stay in `tmp`, where maildir cleaners expect leftovers). A path too
+// long for the name buffers is refused rather than cut, since a cut path would
+// store the message somewhere nobody looks.
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+#include <ctime>
+#include <fcntl.h>
+#include <unistd.h>
+
+#include "dotqmail/deliveries.h"
+#include "dotqmail/maildir_wait.h"
+#include "driver/log.h"
+#include "spool/spool.h"
+
+unsigned (*maildirClashWait)(unsigned seconds) = sleep;
+
+namespace {
+
+const size_t kPathSize = 160;
+const size_t kHostSize = 64;
+const unsigned kClashWaitSeconds = 2;
+
+// Formats "<maildir>/<sub>/<name>"; false when it does not fit.
+bool maildirPath(char (&out)[kPathSize], const char *maildir, const char *sub, const char *name) {
+    int n = snprintf(out, sizeof out, "%s/%s/%s", maildir, sub, name);
+    return n >= 0 && static_cast<size_t>(n) < sizeof out;
+}
+
+// A crash right after rename(2) may lose the directory entry unless the
+// directory itself is synced; only then is the delivery really done.
+int syncDirectory(const char *maildir) {
+    char dir[kPathSize];
+    int n = snprintf(dir, sizeof dir, "%s/new", maildir);
+    if (n < 0 || static_cast<size_t>(n) >= sizeof dir) {
+        errno = ENAMETOOLONG;
+        return -1;
+    }
+    int fd = open(dir, O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+    if (fd < 0)
+        return -1;
+    int rc = fsync(fd);
+    int err = errno;
+    close(fd);
+    errno = err;
+    return rc;
+}
+
+}  // namespace
+
+int deliverMaildir(const char *messagePath, const char *maildir) {
+    // One byte beyond the 64 the name may have, so a 64-character name still
+    // ends in a terminator; a failed query leaves the host part empty.
+    char host[kHostSize + 1];
+    memset(host, 0, sizeof host);
+    if (gethostname(host, kHostSize) != 0)
+        memset(host, 0, sizeof host);
+    long pid = static_cast<long>(getpid());
+
+    char name[kPathSize];
+    char tmpPath[kPathSize];
+    char newPath[kPathSize];
+    int fd;
+    for (;;) {
+        snprintf(name, sizeof name, "%ld.%ld.%s", static_cast<long>(time(nullptr)), pid, host);
+        if (!maildirPath(tmpPath, maildir, "tmp", name) || !maildirPath(newPath, maildir, "new", name)) {
+            LogFunction(3, "Maildir path too long: %s", maildir);
+            return -1;
+        }
+        fd = open(tmpPath, O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0644);
+        if (fd >= 0)
+            break;
+        if (errno != EEXIST) {
+            LogFunction(3, "System error %s: %s\n", tmpPath, strerror(errno));
+            return -1;
+        }
+        maildirClashWait(kClashWaitSeconds);
+    }
+
+    if (!files_copy_file(messagePath, 0, 0, fd)) {
+        LogFunction(3, "Unable to write message into temporary file");
+        close(fd);
+        return -1;
+    }
+    // Without this a crash after the rename could leave an empty or partial
+    // file in `new`, which readers would take for the message.
+    if (fsync(fd) != 0) {
+        LogFunction(3, "System error: %s\n", strerror(errno));
+        close(fd);
+        return -1;
+    }
+    if (close(fd) != 0) {
+        LogFunction(3, "System error: %s\n", strerror(errno));
+        return -1;
+    }
+    if (rename(tmpPath, newPath) != 0) {
+        LogFunction(3, "System error: %s\n", strerror(errno));
+        return -1;
+    }
+    if (syncDirectory(maildir) != 0) {
+        LogFunction(3, "System error: %s\n", strerror(errno));
+        // The entry may not survive a crash, so this is not yet a delivery:
+        // take it back out of `new` and let the retry store it again. If it
+        // cannot be taken back, a reader already has it (moved to `cur`, say)
+        // and failing would only store it twice.
+        if (rename(newPath, tmpPath) == 0)
+            return -1;
+        LogFunction(3, "System error: %s\n", strerror(errno));
+    }
+    return 0;
+}

@@ -1,0 +1,118 @@
+// Mbox delivery: appends the message, followed by one empty line, to an mbox
+// file under an exclusive flock.
+//
+// Promises: concurrent deliveries to one mbox never interleave (the lock is
+// held from before the length is recorded until the file is closed); a failed
+// delivery leaves the file at exactly its length from before the attempt, and
+// nothing of the failed copy can reach it afterwards, because every byte goes
+// out through write(2) directly and nothing is buffered in the process; the
+// message is copied byte for byte, NUL bytes and a missing final newline
+// included.
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+#include <fcntl.h>
+#include <sys/file.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include "dotqmail/deliveries.h"
+#include "driver/log.h"
+
+namespace {
+
+// Writes all of buf, continuing short writes. false with errno on failure.
+bool writeAll(int fd, const char *buf, size_t len) {
+    while (len > 0) {
+        ssize_t n = write(fd, buf, len);
+        if (n < 0) {
+            if (errno == EINTR)
+                continue;
+            return false;
+        }
+        buf += n;
+        len -= static_cast<size_t>(n);
+    }
+    return true;
+}
+
+// Copies the rest of in to out. false with errno on failure, read or write.
+bool copyAll(int in, int out) {
+    char buf[4096];
+    for (;;) {
+        ssize_t n = read(in, buf, sizeof buf);
+        if (n < 0) {
+            if (errno == EINTR)
+                continue;
+            return false;
+        }
+        if (n == 0)
+            return true;
+        if (!writeAll(out, buf, static_cast<size_t>(n)))
+            return false;
+    }
+}
+
+// Cuts the mbox back while the lock is still held.
+void rollback(int mbox, off_t length) {
+    if (ftruncate(mbox, length) != 0)
+        LogFunction(3, "System error: %s\n", strerror(errno));
+}
+
+}  // namespace
+
+int deliverMbox(const char *messagePath, const char *mboxPath) {
+    int mbox = open(mboxPath, O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC, 0666);
+    if (mbox < 0) {
+        const char *err = strerror(errno);
+        fprintf(stderr, "Unable to open %s: %s. (#4.2.1)", mboxPath, err);
+        LogFunction(3, "Unable to open %s: %s. (#4.2.1)\n", mboxPath, err);
+        return -1;
+    }
+    int rc;
+    while ((rc = flock(mbox, LOCK_EX)) != 0 && errno == EINTR) {
+    }
+    struct stat st;
+    if (rc != 0 || fstat(mbox, &st) != 0) {
+        LogFunction(3, "System error: %s\n", strerror(errno));
+        close(mbox);
+        return -1;
+    }
+    off_t length = st.st_size;
+
+    int message = open(messagePath, O_RDONLY | O_CLOEXEC);
+    if (message < 0) {
+        const char *err = strerror(errno);
+        fprintf(stderr, "Unable to read message: %s. (#4.3.0)", err);
+        LogFunction(3, "Unable to read message: %s. (#4.3.0)\n", err);
+        close(mbox);
+        return -1;
+    }
+
+    // A message that cannot be read to its end is as undeliverable as one
+    // that cannot be written; both are reported as a failed copy.
+    if (!copyAll(message, mbox) || !writeAll(mbox, "\n", 1)) {
+        LogFunction(3, "Unable to write data to mailbox: %s\n", strerror(errno));
+        close(message);
+        rollback(mbox, length);
+        close(mbox);
+        return -1;
+    }
+    if (fsync(mbox) != 0) {
+        LogFunction(3, "Unable to sync data to mailbox: %s\n", strerror(errno));
+        close(message);
+        rollback(mbox, length);
+        close(mbox);
+        return -1;
+    }
+    if (close(mbox) != 0) {
+        LogFunction(3, "Unable to close mailbox %s: %s\n", mboxPath, strerror(errno));
+        close(message);
+        // The lock went with the descriptor; the path is all that is left.
+        if (truncate(mboxPath, length) != 0)
+            LogFunction(3, "System error: %s\n", strerror(errno));
+        return -1;
+    }
+    close(message);
+    return 0;
+}
