@@ -74,6 +74,13 @@ int deliverMaildir(const char *messagePath, const char *maildir) {
             LogFunction(3, "Maildir path too long: %s", maildir);
             return -1;
         }
+        // The same run may store into one maildir twice within a second (a
+        // duplicated line): the earlier copy already left `tmp`, and the
+        // rename would silently replace it in `new`. That is a clash too.
+        if (access(newPath, F_OK) == 0) {
+            maildirClashWait(kClashWaitSeconds);
+            continue;
+        }
         fd = open(tmpPath, O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0644);
         if (fd >= 0)
             break;

@@ -1,0 +1,182 @@
+// Instruction-file processing: reads a mailbox's .qmail file and carries out
+// its lines in file order (forward, program, maildir, mbox) until one fails.
+//
+// Promises: a missing file means "no instructions" (200) and logs nothing; a
+// file others could have written is refused, so nobody but the owner decides
+// where the mail goes; with an execute bit set only forward and empty lines
+// run. Every line carried out is marked in the delivery state before the next
+// one starts, so a retry after a temporary failure resumes at the failing
+// line; the record is removed when the whole file was served (or a program
+// ended it with 99). Lines have no length limit. Nothing is thrown out of here.
+#include "dotqmail/qmail_file.h"
+
+#include <boost/algorithm/string.hpp>
+#include <cerrno>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <libgen.h>
+#include <locale>
+#include <memory>
+#include <new>
+#include <sys/stat.h>
+
+#include "dotqmail/deliveries.h"
+#include "driver/delivery_codes.h"
+#include "driver/log.h"
+#include "state/delivery_state.h"
+
+namespace {
+
+std::string trimmed(const std::string &text) {
+    return boost::algorithm::trim_copy(text, std::locale::classic());
+}
+
+struct FileCloser {
+    void operator()(FILE *f) const { fclose(f); }
+};
+
+// Reads the lines of an open instruction file; false at the end or on error.
+bool nextLine(FILE *file, std::string &line) {
+    char *buffer = nullptr;
+    size_t capacity = 0;
+    ssize_t length = getline(&buffer, &capacity, file);
+    if (length < 0) {
+        free(buffer);
+        return false;
+    }
+    if (length > 0 && buffer[length - 1] == '\n')
+        --length;
+    // Built from the length, so a NUL byte inside a line stays part of it.
+    try {
+        line.assign(buffer, static_cast<size_t>(length));
+    } catch (...) {
+        free(buffer);
+        throw;
+    }
+    free(buffer);
+    return true;
+}
+
+// Runs one parsed line; 0 when it was carried out, else the result to stop with.
+int carryOut(const QmailLine &line, const char *messagePath, const char *sender,
+             const char *recipient, const char *workDir) {
+    switch (line.kind) {
+    case ForwardLine: {
+        // The forwarding mailbox, for the sendmail side to name as the sender.
+        setenv("QX_SENDER_EMAIL", recipient, 1);
+        int rc = forwardMessage(messagePath, sender, line.value.c_str());
+        unsetenv("QX_SENDER_EMAIL");
+        return rc == 0 ? 0 : DR_TEMPORARY;
+    }
+    case ProgramLine:
+        return deliverProgram(messagePath, line.value.c_str(), workDir);
+    case MaildirLine:
+        return deliverMaildir(messagePath, line.value.c_str()) == 0 ? 0 : DR_TEMPORARY;
+    case MboxLine:
+        return deliverMbox(messagePath, line.value.c_str()) == 0 ? 0 : DR_TEMPORARY;
+    case EmptyLine:
+        break;
+    }
+    return 0;
+}
+
+int processOpenFile(FILE *file, const char *fileName, bool executable, const char *messagePath,
+                    const char *sender, const char *recipient, const char *workDir) {
+    deliveryManager manager(messagePath, sender, recipient);
+    int result = 0;
+    std::string raw;
+    while (nextLine(file, raw)) {
+        if (manager.isDelivered(raw))
+            continue;
+        QmailLine line = parseQmailLine(raw);
+        // An executable .qmail is how qmail marks a file meant for a different
+        // agent; only the harmless kinds may run from it.
+        if (executable && line.kind != ForwardLine && line.kind != EmptyLine) {
+            fputs(".qmail has prog delivery but has x bit set. (#4.7.0)\n", stderr);
+            result = DR_TEMPORARY;
+            break;
+        }
+        result = carryOut(line, messagePath, sender, recipient, workDir);
+        if (result != 0)
+            break;
+        manager.markDelivered(raw);
+    }
+    if (ferror(file)) {
+        LogFunction(3, "Error while reading file `%s'", fileName);
+        return DR_LOCAL_ERROR;
+    }
+    if (result == DR_DELIVERED || result == DR_DELIVERED_SKIP_REST) {
+        manager.complete();
+        result = DR_DELIVERED;
+    }
+    return result;
+}
+
+}  // namespace
+
+QmailLine parseQmailLine(const std::string &raw) {
+    std::string text = trimmed(raw.substr(0, raw.find('#')));
+    if (text.empty())
+        return {EmptyLine, ""};
+    switch (text[0]) {
+    case '|':
+        return {ProgramLine, trimmed(text.substr(1))};
+    case '&':
+        // Blanks after the "&" are part of the address handed to sendmail.
+        return {ForwardLine, text.substr(1)};
+    case '.':
+    case '/':
+        return {text.back() == '/' ? MaildirLine : MboxLine, text};
+    default:
+        return {ForwardLine, text};
+    }
+}
+
+int checkQmailPermissions(const char *fileName) {
+    struct stat st;
+    if (stat(fileName, &st) != 0) {
+        LogFunction(3, "System error %s: %s\n", fileName, strerror(errno));
+        return -1;
+    }
+    if (st.st_mode & (S_IWGRP | S_IWOTH)) {
+        LogFunction(3, "File %s is writable for group or others\n", fileName);
+        return -1;
+    }
+    return (st.st_mode & (S_IXUSR | S_IXGRP | S_IXOTH)) ? 1 : 0;
+}
+
+int processQmailFile(const char *fileName, const char *messagePath, const char *sender,
+                     const char *recipient) {
+    struct stat st;
+    if (stat(fileName, &st) != 0 && errno == ENOENT)
+        return DR_NO_INSTRUCTIONS;
+    int permissions = checkQmailPermissions(fileName);
+    if (permissions < 0) {
+        LogFunction(3, "Wrong permissions for %s", fileName);
+        return DR_LOCAL_ERROR;
+    }
+    std::unique_ptr<FILE, FileCloser> file(fopen(fileName, "re"));
+    if (!file) {
+        if (errno == ENOENT)
+            return DR_NO_INSTRUCTIONS;
+        LogFunction(3, "Cannot open file `%s' to read: %s\n", fileName, strerror(errno));
+        return DR_LOCAL_ERROR;
+    }
+    // dirname() may change its argument, so it works on a copy.
+    std::unique_ptr<char, decltype(&free)> nameCopy(strdup(fileName), &free);
+    if (!nameCopy) {
+        LogFunction(3, "System error: %s\n", strerror(errno));
+        return DR_LOCAL_ERROR;
+    }
+    const char *workDir = dirname(nameCopy.get());
+    try {
+        return processOpenFile(file.get(), fileName, permissions == 1, messagePath, sender,
+                               recipient, workDir);
+    } catch (const std::bad_alloc &) {
+        // Only memory can fail inside; the manager has already saved what was
+        // marked on its way out.
+        LogFunction(3, "System error: %s\n", strerror(ENOMEM));
+        return DR_LOCAL_ERROR;
+    }
+}

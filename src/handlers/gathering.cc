@@ -1,0 +1,165 @@
+// Gathering every handler that applies to one message: one connection, tuned
+// once, serves the five getters, called in the order for the queue.
+//
+// Promises: a getter that fails costs only its own remaining rows; the
+// result is negative only when the registry cannot be opened or tuned at all
+// (or a busy pause fails), so a registry without its table means "no
+// handlers", not a failed delivery. Since every add goes to the head, the
+// list comes out in the reverse of the gathering order.
+#include <cstring>
+#include <sqlite3.h>
+
+#include "driver/log.h"
+#include "handlers/busy_retry.h"
+#include "handlers/registry.h"
+#include "handlers/registry_connection.h"
+
+namespace {
+
+const char kTuning[] = "PRAGMA temp_store=MEMORY;PRAGMA read_uncommitted=1;PRAGMA cache_size=10000;";
+const int kFirstRecipient = 3;
+// Recipients are read from positions 3 up to this bound (exclusive).
+const int kAddressBound = 16384;
+
+typedef int (*HandlerGetter)(sqlite3 *db, HandlerList *list, char **addresses, HandlerQueue queue);
+
+const int kGettersPerOrder = 5;
+
+// Queue 1 gathers the globals last, so they run first; every other queue
+// gathers them first, so they run last.
+const HandlerGetter kGatheringOrders[2][kGettersPerOrder] = {
+    {mh_get_global_handlers, mh_get_recipient_domain_handlers, mh_get_sender_domain_handlers,
+     mh_get_recipient_handlers, mh_get_sender_handlers},
+    {mh_get_recipient_domain_handlers, mh_get_sender_domain_handlers, mh_get_recipient_handlers,
+     mh_get_sender_handlers, mh_get_global_handlers},
+};
+
+HandlerRecord keyRecord(MH_TYPE type, HandlerQueue queue, const char *address) {
+    return HandlerRecord{0, type, queue, nullptr, const_cast<char *>(address), nullptr, nullptr, true};
+}
+
+// The sender, or null when the vector ends before it.
+const char *senderOf(char **addresses) {
+    if (addresses == nullptr || addresses[0] == nullptr || addresses[1] == nullptr)
+        return nullptr;
+    return addresses[2];
+}
+
+// Recipient at position i, or null at the bound. Callers walk i upwards from
+// the first recipient and stop at the first null, the vector's end.
+const char *recipientAt(char **addresses, int i) {
+    if (i >= kAddressBound || senderOf(addresses) == nullptr)
+        return nullptr;
+    return addresses[i];
+}
+
+// Applies the tuning statements one by one. Returns the last library answer,
+// or -1 when the text cannot be prepared or a pause fails.
+int tune(sqlite3 *db) {
+    const char *next = kTuning;
+    int answer = SQLITE_OK;
+    while (next != nullptr && *next != '\0') {
+        sqlite3_stmt *stmt = nullptr;
+        const char *tail = nullptr;
+        if (mh_busy_prepare(db, next, &stmt, &tail, &answer) != 0 || answer != SQLITE_OK) {
+            LogFunction(3, "Unable to prepare SQL statement for query '%s': %s", kTuning, mh_db_message(db));
+            sqlite3_finalize(stmt);
+            return -1;
+        }
+        if (stmt == nullptr)  // only blanks or comments were left
+            break;
+        int paused = mh_busy_step(stmt, &answer);
+        if (answer != SQLITE_DONE)
+            LogFunction(3, "Tune database: %s", mh_db_message(db));
+        sqlite3_finalize(stmt);
+        if (paused != 0)
+            return -1;
+        next = tail;
+    }
+    return answer;
+}
+
+}  // namespace
+
+int mh_get_recipient_handlers(sqlite3 *db, HandlerList *list, char **addresses, HandlerQueue queue) {
+    for (int i = kFirstRecipient; const char *recipient = recipientAt(addresses, i); i++) {
+        HandlerRecord key = keyRecord(MH_TYPE_RECIPIENT, queue, recipient);
+        if (mh_select_handlers(db, list, &key) != 0) {
+            LogFunction(3, "Unable to get recipient handlers from the database");
+            return -1;
+        }
+    }
+    return 0;
+}
+
+int mh_get_sender_handlers(sqlite3 *db, HandlerList *list, char **addresses, HandlerQueue queue) {
+    HandlerRecord key = keyRecord(MH_TYPE_SENDER, queue, senderOf(addresses));
+    if (mh_select_handlers(db, list, &key) != 0) {
+        LogFunction(3, "Unable to get sender handlers from the database");
+        return -1;
+    }
+    return 0;
+}
+
+int mh_get_global_handlers(sqlite3 *db, HandlerList *list, char **addresses, HandlerQueue queue) {
+    for (const char *keyword : {"all", "all-recipients"}) {
+        HandlerRecord key = keyRecord(MH_TYPE_GLOBAL, queue, keyword);
+        if (mh_select_handlers(db, list, &key) != 0) {
+            LogFunction(3, "Unable to get global handlers from the database");
+            return -1;
+        }
+    }
+    return 0;
+}
+
+int mh_get_recipient_domain_handlers(sqlite3 *db, HandlerList *list, char **addresses, HandlerQueue queue) {
+    for (int i = kFirstRecipient; const char *recipient = recipientAt(addresses, i); i++) {
+        const char *at = strchr(recipient, '@');
+        if (at == nullptr) {
+            LogFunction(3, "Unable to get recipient domain by recipient mailname: %s", recipient);
+            return -1;
+        }
+        HandlerRecord key = keyRecord(MH_TYPE_RECIPIENT_DOMAIN, queue, at + 1);
+        if (mh_select_handlers(db, list, &key) != 0) {
+            LogFunction(3, "Unable to get recipient-domain handlers from the database");
+            return -1;
+        }
+    }
+    return 0;
+}
+
+int mh_get_sender_domain_handlers(sqlite3 *db, HandlerList *list, char **addresses, HandlerQueue queue) {
+    const char *sender = senderOf(addresses);
+    if (sender == nullptr) {
+        LogFunction(3, "Unable to get sender domain since sender mailname is NULL");
+        return -1;
+    }
+    const char *at = strchr(sender, '@');
+    if (at == nullptr) {
+        LogFunction(3, "Unable to get sender domain by sender mailname");
+        return -1;
+    }
+    HandlerRecord key = keyRecord(MH_TYPE_SENDER_DOMAIN, queue, at + 1);
+    if (mh_select_handlers(db, list, &key) != 0) {
+        LogFunction(3, "Unable to get sender-domain handlers from the database");
+        return -1;
+    }
+    return 0;
+}
+
+int mh_get_handlers(HandlerList *list, char **addresses, HandlerQueue queue) {
+    sqlite3 *db = mh_open_registry();
+    if (db == nullptr)
+        return -1;
+    int tuned = tune(db);
+    if (tuned < 0) {
+        mh_busy_close(db);
+        return -1;
+    }
+    const HandlerGetter *order = kGatheringOrders[queue == 1 ? 1 : 0];
+    for (int i = 0; i < kGettersPerOrder; i++)
+        order[i](db, list, addresses, queue);
+    if (mh_busy_close(db) != 0)
+        return -1;
+    return tuned;
+}

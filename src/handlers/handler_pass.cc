@@ -1,0 +1,200 @@
+// The handler pass: every handler that applies runs over the spool file in
+// the registry's run order; a passing handler's output becomes the message.
+//
+// Promises: handlers run one at a time, each seeing the output of every
+// earlier passing handler; the pass stops only for STOP (discarded), REJECT
+// (rejected) and DEFER (congested) - a broken handler is logged and passed
+// over, so one bad filter never holds mail back; the per-run ".tmp" file is
+// either renamed over the spool file or removed before the run returns.
+#include "handlers/handler_pass.h"
+
+#include <cerrno>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <fcntl.h>
+#include <unistd.h>
+
+#include "driver/log.h"
+#include "handlers/forkexec.h"
+#include "handlers/pass_steps.h"
+#include "handlers/registry.h"
+
+namespace {
+
+const size_t kPathBufferSize = 4096;
+const int kFirstRecipient = 3;
+const char kAllRecipients[] = "all-recipients";
+
+bool stopsThePass(int status) { return status == DS_DISCARDED || status == DS_REJECTED || status == DS_CONGESTED; }
+
+char *senderOf(char **addresses) { return addresses[0] && addresses[1] ? addresses[2] : nullptr; }
+
+int recipientCount(char **addresses) {
+    if (senderOf(addresses) == nullptr)
+        return 0;
+    int n = 0;
+    while (addresses[kFirstRecipient + n] != nullptr)
+        n++;
+    return n;
+}
+
+// One run with [program, context, sender, every recipient, null].
+int runForAllRecipients(const HandlerRecord *record, HandlerOutcomeList *outcomes, char **addresses, char **env,
+                        const char *spoolPath) {
+    int count = recipientCount(addresses);
+    char **args = static_cast<char **>(calloc(static_cast<size_t>(count) + 4, sizeof(char *)));
+    if (args == nullptr) {
+        LogFunction(3, "Out of memory. %s: %d", strerror(errno), errno);
+        return DS_CONGESTED;
+    }
+    args[0] = record->executable;
+    args[1] = record->context;
+    args[2] = senderOf(addresses);
+    for (int i = 0; i < count; i++)
+        args[3 + i] = addresses[kFirstRecipient + i];
+    int status = mh_call_handler(record->name, outcomes, spoolPath, record->executable, args, env);
+    free(args);
+    return status;
+}
+
+// Keeps the outcome in the caller's list. False (logged) when that fails.
+bool keepOutcome(HandlerOutcomeList *outcomes, HandlerOutcome *outcome, const char *name) {
+    outcome->name = name != nullptr ? strdup(name) : nullptr;
+    if ((name != nullptr && outcome->name == nullptr) || mh_outcome_list_append(outcomes, outcome) != 0) {
+        LogFunction(3, "System error: %s", strerror(errno));
+        return false;
+    }
+    return true;
+}
+
+}  // namespace
+
+int mh_call_handler(const char *name, HandlerOutcomeList *outcomes, const char *spoolPath, const char *program,
+                    char **args, char **env) {
+    char tmpPath[kPathBufferSize];
+    int length = snprintf(tmpPath, sizeof tmpPath, "%s.tmp", spoolPath);
+    if (length < 0 || static_cast<size_t>(length) >= sizeof tmpPath) {
+        LogFunction(3, "Unable to generate a tempfile name. Path too long");
+        return DS_INTERNAL_ERROR;
+    }
+    int in = open(spoolPath, O_RDONLY);
+    if (in < 0) {
+        LogFunction(3, "System error (%s): %s", spoolPath, strerror(errno));
+        return DS_INTERNAL_ERROR;
+    }
+    int out = open(tmpPath, O_WRONLY | O_CREAT | O_TRUNC, 0660);
+    if (out < 0) {
+        LogFunction(3, "System error (%s): %s", tmpPath, strerror(errno));
+        close(in);
+        return DS_INTERNAL_ERROR;
+    }
+    HandlerOutcome *outcome = mh_forkexec(in, out, program, args, env);
+    close(in);
+    close(out);
+
+    // Without an outcome there is no verdict to trust: the run failed.
+    HandlerVerdict verdict = outcome != nullptr ? outcome->verdict : ERROR;
+    if (outcome != nullptr && outcomes != nullptr) {
+        if (!keepOutcome(outcomes, outcome, name)) {
+            mh_outcome_free(outcome);
+            unlink(tmpPath);
+            return DS_INTERNAL_ERROR;
+        }
+    } else {
+        mh_outcome_free(outcome);
+    }
+
+    switch (verdict) {
+    case PASS:
+        LogFunction(7, "PASS during call '%s' handler", name);
+        return mh_take_over_output(tmpPath, spoolPath);
+    case SKIP:
+        LogFunction(7, "SKIP during call '%s' handler", name);
+        unlink(tmpPath);
+        return DS_OK;
+    case STOP:
+        LogFunction(7, "STOP during call '%s' handler", name);
+        unlink(tmpPath);
+        return DS_DISCARDED;
+    case DEFER:
+        LogFunction(7, "DEFER during call '%s' handler", name);
+        unlink(tmpPath);
+        return DS_CONGESTED;
+    case REJECT:
+        LogFunction(7, "REJECT during call '%s' handler", name);
+        unlink(tmpPath);
+        return DS_REJECTED;
+    case ERROR:
+    default:
+        LogFunction(3, "Error during '%s' handler", name);
+        unlink(tmpPath);
+        return DS_INTERNAL_ERROR;
+    }
+}
+
+int mh_run_for_recipients(char **addresses, char **args, const HandlerRecord *record, HandlerOutcomeList *outcomes,
+                          const char *spoolPath, char **env) {
+    int status = DS_OK;
+    int count = recipientCount(addresses);
+    for (int i = kFirstRecipient; i < kFirstRecipient + count; i++) {
+        char *recipient = addresses[i];
+        const char *at = strchr(recipient, '@');
+        if (at == nullptr) {
+            LogFunction(3, "Incorrect recipient mailname : %s", recipient);
+            return DS_REJECTED;
+        }
+        if (record->type == MH_TYPE_RECIPIENT_DOMAIN &&
+            (record->address == nullptr || strcmp(record->address, at + 1) != 0))
+            continue;
+        args[0] = record->executable;
+        args[1] = record->context;
+        args[2] = addresses[2];
+        args[3] = recipient;
+        args[4] = nullptr;
+        status = mh_call_handler(record->name, outcomes, spoolPath, record->executable, args, env);
+        if (stopsThePass(status))
+            return status;
+    }
+    return status;
+}
+
+int mh_run_list(HandlerOutcomeList *outcomes, HandlerList *list, char **addresses, char **env,
+                const char *spoolPath) {
+    for (const HandlerRecord *record : list->records) {
+        if (static_cast<uint32_t>(record->type) > MH_TYPE_GLOBAL) {
+            LogFunction(3, "Unknown MH_TYPE: %d", static_cast<int>(record->type));
+            return DS_REJECTED;
+        }
+        int status;
+        char *args[5] = {nullptr, nullptr, nullptr, nullptr, nullptr};
+        if (record->type == MH_TYPE_RECIPIENT) {
+            args[0] = record->executable;
+            args[1] = record->context;
+            args[2] = senderOf(addresses);
+            args[3] = record->address;
+            status = mh_call_handler(record->name, outcomes, spoolPath, record->executable, args, env);
+        } else if (record->type == MH_TYPE_GLOBAL && record->address != nullptr &&
+                   strcmp(record->address, kAllRecipients) == 0) {
+            status = runForAllRecipients(record, outcomes, addresses, env, spoolPath);
+        } else {
+            status = mh_run_for_recipients(addresses, args, record, outcomes, spoolPath, env);
+        }
+        if (stopsThePass(status))
+            return status;
+    }
+    return DS_OK;
+}
+
+int mh_run_handlers(HandlerOutcomeList *outcomes, char **addresses, char **env, const char *spoolPath,
+                    HandlerQueue queue) {
+    HandlerList list;
+    if (mh_get_handlers(&list, addresses, queue) < 0) {
+        LogFunction(3, "Unable to get full handlers list");
+        mh_list_free(&list);
+        return -1;
+    }
+    int status = mh_run_list(outcomes, &list, addresses, env, spoolPath);
+    mh_list_free(&list);
+    return status;
+}

@@ -1,0 +1,58 @@
+// The delivery state: which instruction lines of one delivery were already
+// served, kept across the transfer agent's retries in a Tokyo Cabinet hash
+// database under the delivery's key (Message-ID, sender, recipient).
+#pragma once
+#include <memory>
+#include <set>
+#include <string>
+
+#include "paths.h"
+
+// The record of one delivery and its database operations. Each operation
+// opens the database, makes one call and closes it again.
+class DeliveryState {
+  public:
+    // Loads the stored record of key, creating the database file when missing.
+    DeliveryState(const std::string &databasePath, const std::string &key);
+
+    bool contains(const std::string &line) const;
+    void add(const std::string &line);
+    // 0 on success or nothing to do, 1 on failure (logged).
+    int save();
+    int erase();
+
+  private:
+    void init();
+
+    std::set<std::string> lines;
+    bool loaded;
+    std::string key;
+    std::string databasePath;
+};
+
+// What the instruction-file processing talks to: disabled (answering "not
+// served" and storing nothing) when the message has no usable Message-ID.
+// Saves the record on destruction when lines were marked since the last
+// complete().
+class deliveryManager {
+  public:
+    deliveryManager(const std::string &messageFile, const std::string &sender,
+                    const std::string &recipient,
+                    const std::string &databasePath = FERNDROP_STATE_DB);
+    ~deliveryManager();
+    deliveryManager(const deliveryManager &) = delete;
+    deliveryManager &operator=(const deliveryManager &) = delete;
+
+    bool isDelivered(const std::string &line) const;
+    void markDelivered(const std::string &line);
+    void complete();
+
+  private:
+    std::unique_ptr<DeliveryState> state;
+    std::string messageFile;
+    std::string key;
+    bool enabled;
+    bool clean;
+    std::string sender;
+    std::string recipient;
+};

@@ -1,0 +1,44 @@
+// Message-ID extraction: composes the deliveryKey of a spooled message from
+// the first Message-ID header line, the envelope sender and the recipient.
+//
+// Promises: only reads the message file, from its start and only up to the
+// deciding line or the first empty line (so a body behind a proper header
+// separator is never read); logs nothing and throws nothing of its own; a
+// missing, unreadable or header-less file is simply "not found". Case mapping
+// and the space class are those of the classic C locale, so the key of one
+// message is the same whatever locale the process runs in.
+#include "state/message_id.h"
+
+#include <boost/algorithm/string.hpp>
+#include <fstream>
+#include <locale>
+
+namespace {
+const char kHeaderName[] = "message-id:";
+const size_t kHeaderLength = sizeof(kHeaderName) - 1;
+}  // namespace
+
+bool readMessageId(const std::string &messagePath, const std::string &sender,
+                   const std::string &recipient, std::string &key) {
+    const std::locale &c = std::locale::classic();
+    std::ifstream in(messagePath);
+    std::string line;
+    // An unopened stream fails the first getline, which is "not found".
+    while (std::getline(in, line)) {
+        if (line.empty())
+            return false;
+        boost::algorithm::to_lower(line, c);
+        if (line.size() < kHeaderLength || line.compare(0, kHeaderLength, kHeaderName) != 0)
+            continue;
+        std::string value = line.substr(kHeaderLength);
+        boost::algorithm::trim_right(value, c);
+        boost::algorithm::trim_left(value, c);
+        // A folded value leaves the header line blank; the continuation is
+        // deliberately not joined, and no later Message-ID line is consulted.
+        if (value.empty())
+            return false;
+        key = value + " " + sender + " " + recipient;
+        return true;
+    }
+    return false;
+}

@@ -1,0 +1,142 @@
+// The README's demo: real deliveries in a sandbox, narrated. Two handlers
+// (one adds a header, one only logs), a .qmail with all four kinds of line,
+// and a mailbox without .qmail that gets its mail through Dovecot's own LDA.
+// Runs the ferndrop given as argv[1] (default: the one this build made).
+#include <pwd.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cstdio>
+#include <cstdlib>
+#include <fstream>
+#include <iostream>
+#include <sstream>
+
+#include "sandbox.h"
+
+namespace {
+
+std::string binary;
+
+void heading(const std::string &text) { std::cout << "\n=== " << text << "\n"; }
+
+void show(const std::string &title, const std::string &text) {
+    std::cout << "--- " << title << "\n" << text;
+    if (!text.empty() && text.back() != '\n')
+        std::cout << "\n";
+}
+
+void report(const RunResult &r) {
+    std::cout << "exit status: " << r.status << "\n";
+    show("status line (stdout)", r.out.empty() ? "(none)\n" : r.out);
+    if (!r.err.empty())
+        show("stderr", r.err);
+    show("syslog", r.logDump());
+}
+
+std::string slurp(const std::string &path) {
+    std::ifstream in(path, std::ios::binary);
+    std::ostringstream ss;
+    ss << in.rdbuf();
+    return ss.str();
+}
+
+std::string replaceAll(std::string text, const std::string &from, const std::string &to) {
+    for (size_t p = text.find(from); p != std::string::npos; p = text.find(from, p + to.size()))
+        text.replace(p, from.size(), to);
+    return text;
+}
+
+const char kSchema[] =
+    "BEGIN TRANSACTION;CREATE TABLE handlers (queue INTEGER, type INTEGER, enabled BOOLEAN, priority INTEGER, "
+    "name VARCHAR(255) NOT NULL, address VARCHAR(2048) NOT NULL, executable VARCHAR(2048) NOT NULL, context "
+    "VARCHAR(2048) NOT NULL, protected BOOLEAN NOT NULL default 0, CONSTRAINT uniq_entries_constaraint PRIMARY KEY "
+    "(queue, type, name, address, executable, context));COMMIT;";
+
+}  // namespace
+
+int main(int argc, char **argv) {
+    binary = argc > 1 ? argv[1] : ferndropBinary();
+    Sandbox sb;
+    sb.standardLayout();
+    passwd *mail = getpwnam("mail");
+
+    heading("Setting up a sandbox at " + sb.root());
+    // Handlers: the first adds a header and passes, the second answers SKIP.
+    sb.write("/usr/local/qrn/handlers/bin/stamp",
+             "#!/bin/sh\n# context=$1 sender=$2 recipient=$3\n"
+             "printf 'X-Ferndrop-Demo: stamped for %s\\n' \"$3\"\ncat\necho 'LOG stamped the message' >&2\n",
+             0755);
+    sb.write("/usr/local/qrn/handlers/bin/observe", "#!/bin/sh\necho 'LOG observed, no change' >&2\necho SKIP >&2\n",
+             0755);
+    std::string db = sb.host("/var/lib/kavra/mail/handlers/handlers.db");
+    std::string sql = std::string(kSchema) +
+                      "INSERT INTO handlers VALUES(2,3,1,10,'stamp','example.com','/usr/local/qrn/handlers/bin/stamp','ctx',0);"
+                      "INSERT INTO handlers VALUES(2,4,1,20,'observe','all','/usr/local/qrn/handlers/bin/observe','',0);";
+    if (system(("sqlite3 '" + db + "' \"" + sql + "\"").c_str()) != 0) {
+        std::cerr << "sqlite3 failed\n";
+        return 1;
+    }
+    std::cout << "registry: stamp (recipient domain example.com), observe (all)\n";
+
+    std::string alice = sb.mailbox("example.com", "alice");
+    for (const char *sub : {"/Maildir/tmp", "/Maildir/new", "/Maildir/cur"})
+        sb.mkdirs(alice + sub);
+    std::string qmail = "# alice keeps a copy, files one, pipes one and forwards one\n"
+                        "./Maildir/\n"
+                        "./mbox\n"
+                        "| wc -c > last-size.txt\n"
+                        "&alice.backup@example.net\n";
+    sb.write(alice + "/.qmail", qmail, 0600);
+    sb.installSendmailRecorder();
+    show("alice's .qmail", qmail);
+
+    std::string bob = sb.mailbox("example.com", "bob");
+    if (mail != nullptr && chown(bob.c_str(), mail->pw_uid, mail->pw_gid) != 0)
+        perror("chown");
+    sb.mkdirs("/usr/libexec/dovecot");
+    if (symlink("/usr/lib/dovecot/dovecot-lda", sb.host("/usr/libexec/dovecot/dovecot-lda").c_str()) != 0)
+        perror("symlink");
+    std::string conf = slurp(sourceDir() + "/tests/e2e/fixtures/dovecot.conf");
+    conf = replaceAll(replaceAll(conf, "@MAILNAMES@", sb.mailnames()), "@LOG@", sb.root() + "/dovecot.log");
+    sb.write("/etc/dovecot/dovecot.conf", conf);
+
+    const std::string message = "From: carol@example.org\nTo: alice@example.com\nMessage-ID: <demo.1@example.org>\n"
+                                "Subject: hello\n\nHello from the demo.\n";
+    show("the message", message);
+
+    heading("Delivery 1: carol@example.org -> alice@example.com (handlers, then .qmail)");
+    std::string cmd = "'" + binary + "' -f carol@example.org -d alice@example.com -p '" + sb.mailnames() + "'";
+    std::cout << "$ " << cmd << " < message\n";
+    RunResult r1 = sb.shell(cmd, message);
+    report(r1);
+    auto maildir = sb.list(alice + "/Maildir/new");
+    show("Maildir/new", maildir.empty() ? "(empty)\n" : maildir[0] + "\n");
+    if (!maildir.empty())
+        show("the stored message", sb.read(alice + "/Maildir/new/" + maildir[0]));
+    show("mbox", sb.read(alice + "/mbox"));
+    show("last-size.txt (the program line's output)", sb.read(alice + "/last-size.txt"));
+    for (const auto &call : sb.calls("sendmail"))
+        show("sendmail was called with", slurp(call + "/argv"));
+
+    heading("Delivery 2: carol@example.org -> Bob@Example.COM (no .qmail: INBOX through Dovecot's LDA)");
+    std::string cmd2 = "'" + binary + "' -f carol@example.org -d Bob@Example.COM -p '" + sb.mailnames() + "'";
+    std::cout << "$ " << cmd2 << " < message\n";
+    RunResult r2 = sb.shell("/usr/sbin/dovecot || exit 120\n" + cmd2 +
+                                "\nrc=$?\npid=$(cat /run/dovecot/master.pid)\n/usr/sbin/dovecot stop\n"
+                                "while kill -0 $pid 2>/dev/null; do sleep 0.1; done\nexit $rc\n",
+                            message);
+    report(r2);
+    auto inbox = sb.list(bob + "/Maildir/new");
+    show("bob's Maildir/new (written by dovecot-lda)", inbox.empty() ? "(empty)\n" : inbox[0] + "\n");
+    if (!inbox.empty())
+        show("the stored message", sb.read(bob + "/Maildir/new/" + inbox[0]));
+
+    heading("Delivery 3: an unknown mailbox is dropped, a bad recipient refused");
+    report(sb.ferndrop({"-f", "carol@example.org", "-d", "nobody@example.com", "-p", sb.mailnames()}, message));
+    report(sb.ferndrop({"-f", "carol@example.org", "-d", "no-domain", "-p", sb.mailnames()}, message));
+
+    bool ok = r1.status == 0 && r2.status == 0 && maildir.size() == 1 && inbox.size() == 1;
+    heading(ok ? "demo finished: all deliveries as expected" : "demo finished with unexpected results");
+    return ok ? 0 : 1;
+}

@@ -1,0 +1,279 @@
+// The .qmail instruction file: the line grammar, the permission rule, and the
+// processing of a file against real maildir, mbox and program deliveries with
+// the delivery state in a scratch database (forward lines need sendmail and
+// are covered end to end).
+#include <gtest/gtest.h>
+
+#include <cstdlib>
+#include <dlfcn.h>
+#include <optional>
+#include <string>
+#include <sys/stat.h>
+#include <tcutil.h>
+#include <tchdb.h>
+#include <unistd.h>
+
+#include "dotqmail/qmail_file.h"
+#include "paths.h"
+#include "state/message_id.h"
+#include "test_support.h"
+
+namespace {
+// When set, the compiled-in state database is replaced by this file.
+std::string stateDatabase;
+}  // namespace
+
+extern "C" bool tchdbopen(TCHDB *hdb, const char *path, int omode) {
+    using Open = bool (*)(TCHDB *, const char *, int);
+    static Open real = reinterpret_cast<Open>(dlsym(RTLD_NEXT, "tchdbopen"));
+    if (!stateDatabase.empty() && std::string(path) == FERNDROP_STATE_DB)
+        path = stateDatabase.c_str();
+    return real(hdb, path, omode);
+}
+
+namespace {
+
+TEST(ParseQmailLineTest, GrammarTable) {
+    struct Case {
+        const char *raw;
+        QmailLineKind kind;
+        const char *value;
+    } cases[] = {
+        {"", EmptyLine, ""},
+        {"   \t\r", EmptyLine, ""},
+        {"# only a comment", EmptyLine, ""},
+        {"  # indented comment", EmptyLine, ""},
+        {"user@example.com   # a note", ForwardLine, "user@example.com"},
+        {"user@example.com#no blank", ForwardLine, "user@example.com"},
+        {"\tUser@Example.COM\r", ForwardLine, "User@Example.COM"},
+        {"&  user@example.com", ForwardLine, "  user@example.com"},
+        {"&", ForwardLine, ""},
+        {"& # nothing", ForwardLine, ""},
+        {"| cmd arg  ", ProgramLine, "cmd arg"},
+        {"|\t cmd  \"a b\" \v", ProgramLine, "cmd  \"a b\""},
+        {"|", ProgramLine, ""},
+        {"|echo '#not escaped'", ProgramLine, "echo '"},
+        {"./Maildir/", MaildirLine, "./Maildir/"},
+        {"  /var/mail/box/  ", MaildirLine, "/var/mail/box/"},
+        {"/", MaildirLine, "/"},
+        {"./mbox", MboxLine, "./mbox"},
+        {"/var/mail/box", MboxLine, "/var/mail/box"},
+        {".", MboxLine, "."},
+        {"./Maildir/ #x", MaildirLine, "./Maildir/"},
+        {"Maildir/", ForwardLine, "Maildir/"},
+        {"\xC3\xA9l\xC3\xA8ve@example.com", ForwardLine, "\xC3\xA9l\xC3\xA8ve@example.com"},
+        {"a\xA0", ForwardLine, "a\xA0"},
+    };
+    for (const auto &c : cases) {
+        QmailLine line = parseQmailLine(c.raw);
+        EXPECT_EQ(line.kind, c.kind) << "[" << c.raw << "]";
+        EXPECT_EQ(line.value, c.value) << "[" << c.raw << "]";
+    }
+}
+
+TEST(CheckQmailPermissionsTest, GroupOrOtherWriteRefusedExecuteBitReported) {
+    ScratchDir dir;
+    std::string file = dir / ".qmail";
+    struct {
+        unsigned mode;
+        int result;
+    } cases[] = {{0644, 0}, {0600, 0}, {0400, 0}, {0744, 1}, {0610, 1}, {0601, 1},
+                 {0664, -1}, {0646, -1}, {0755 | 0020, -1}};
+    for (const auto &c : cases) {
+        writeFile(file, "x\n", c.mode);
+        LogCapture log;
+        EXPECT_EQ(checkQmailPermissions(file.c_str()), c.result) << std::oct << c.mode;
+        if (c.result < 0)
+            EXPECT_TRUE(log.contains(3, "File " + file + " is writable for group or others\n"))
+                << log.dump();
+        else
+            EXPECT_TRUE(log.lines().empty()) << log.dump();
+    }
+
+    // The link's own mode does not count; its target's does.
+    writeFile(dir / "target", "x\n", 0600);
+    ASSERT_EQ(symlink("target", (dir / "link").c_str()), 0);
+    EXPECT_EQ(checkQmailPermissions((dir / "link").c_str()), 0);
+
+    LogCapture log;
+    EXPECT_EQ(checkQmailPermissions((dir / "absent").c_str()), -1);
+    EXPECT_TRUE(log.contains(3, "System error " + (dir / "absent") + ": No such file or directory\n"))
+        << log.dump();
+}
+
+class ProcessQmailFileTest : public ::testing::Test {
+  protected:
+    void SetUp() override {
+        ASSERT_NE(getcwd(cwd, sizeof cwd), nullptr);
+        // The driver runs this from inside the mailbox directory.
+        ASSERT_EQ(chdir(dir.path().c_str()), 0);
+        stateDatabase = dir / "local.db";
+        writeFile(message, "From: a@b\nMessage-ID: <Q.1@host>\n\nbody line\n", 0600);
+        ASSERT_TRUE(readMessageId(message, sender, recipient, key));
+        for (const char *d : {"Maildir", "Maildir/tmp", "Maildir/new", "Maildir/cur"})
+            ASSERT_EQ(mkdir((dir / d).c_str(), 0700), 0);
+    }
+    void TearDown() override {
+        stateDatabase.clear();
+        ASSERT_EQ(chdir(cwd), 0);
+    }
+
+    int run(const std::string &qmail, unsigned mode = 0600) {
+        writeFile(dir / ".qmail", qmail, mode);
+        return processQmailFile(".qmail", message.c_str(), sender.c_str(), recipient.c_str());
+    }
+    std::optional<std::string> record() {
+        std::optional<std::string> value;
+        TCHDB *hdb = tchdbnew();
+        if (tchdbopen(hdb, stateDatabase.c_str(), HDBOREADER)) {
+            if (char *v = tchdbget2(hdb, key.c_str())) {
+                value = v;
+                free(v);
+            }
+            tchdbclose(hdb);
+        }
+        tchdbdel(hdb);
+        return value;
+    }
+
+    char cwd[4096];
+    LogCapture deliveryLog;  // keeps the deliveries' own lines off the console
+    ScratchDir dir;
+    std::string message = dir / "message";
+    std::string sender = "Sender@example.com";
+    std::string recipient = "box@example.com";
+    std::string key;
+};
+
+TEST_F(ProcessQmailFileTest, NoInstructionFileMeansInboxDeliveryWithoutLogging) {
+    LogCapture log;
+    EXPECT_EQ(processQmailFile(".qmail", message.c_str(), sender.c_str(), recipient.c_str()), 200);
+    ASSERT_EQ(symlink("nowhere", ".qmail"), 0);
+    EXPECT_EQ(processQmailFile(".qmail", message.c_str(), sender.c_str(), recipient.c_str()), 200);
+    EXPECT_TRUE(log.lines().empty()) << log.dump();
+    EXPECT_FALSE(fileExists(stateDatabase));
+}
+
+TEST_F(ProcessQmailFileTest, WritableByOthersIsRefusedWithTwoLogLines) {
+    for (unsigned mode : {0664u, 0646u}) {
+        LogCapture log;
+        EXPECT_EQ(run("./mbox\n", mode), -1);
+        ASSERT_EQ(log.lines().size(), 2u) << log.dump();
+        EXPECT_EQ(log.lines()[0].text, "File .qmail is writable for group or others\n");
+        EXPECT_EQ(log.lines()[1].priority, 3);
+        EXPECT_EQ(log.lines()[1].text, "Wrong permissions for .qmail");
+        EXPECT_FALSE(fileExists(dir / "mbox"));
+    }
+}
+
+TEST_F(ProcessQmailFileTest, AllKindsDeliveredInOrderAndNoRecordRemains) {
+    EXPECT_EQ(run("# deliveries\n"
+                  "|echo first >> trace; test -s mbox || echo mbox-not-yet >> trace\n"
+                  "./mbox   # local copy\n"
+                  "\n"
+                  "./Maildir/\n"
+                  "   \n"
+                  "| cat > piped ; echo last >> trace"),  // no final newline
+              0);
+    EXPECT_EQ(readFile(dir / "trace"), "first\nmbox-not-yet\nlast\n");
+    EXPECT_NE(readFile(dir / "mbox").find("body line\n"), std::string::npos);
+    EXPECT_EQ(listDir(dir / "Maildir/new").size(), 1u);
+    EXPECT_EQ(readFile(dir / "piped"), readFile(message));
+    EXPECT_TRUE(fileExists(stateDatabase));
+    EXPECT_EQ(record(), std::nullopt);
+}
+
+TEST_F(ProcessQmailFileTest, FailureStoresCarriedOutLinesAndRetryResumesThere) {
+    const std::string qmail = "  |echo one >> trace  \n"
+                              "# comment\n"
+                              "./mbox\n"
+                              "\t\n"
+                              "|test -f go || exit 111; echo three >> trace\n"
+                              "./Maildir/\n";
+    EXPECT_EQ(run(qmail), 111);
+    EXPECT_EQ(readFile(dir / "trace"), "one\n");
+    // Comment and blank lines count as carried out; the failing line does not.
+    EXPECT_EQ(record(), std::optional<std::string>("\n# comment\n./mbox\n|echo one >> trace"));
+    EXPECT_TRUE(listDir(dir / "Maildir/new").empty());
+
+    writeFile(dir / "go", "");
+    EXPECT_EQ(run(qmail), 0);
+    EXPECT_EQ(readFile(dir / "trace"), "one\nthree\n");
+    std::string mbox = readFile(dir / "mbox");
+    EXPECT_EQ(mbox.find("body line"), mbox.rfind("body line")) << "mbox delivered twice";
+    EXPECT_EQ(listDir(dir / "Maildir/new").size(), 1u);
+    EXPECT_EQ(record(), std::nullopt);
+}
+
+TEST_F(ProcessQmailFileTest, FailingMaildirOrMboxIsTemporaryAndOtherResultsPassThrough) {
+    EXPECT_EQ(run("./missing/\n"), 111);
+    EXPECT_EQ(record(), std::nullopt);
+    EXPECT_EQ(run("./no-dir/mbox\n"), 111);
+    EXPECT_EQ(run("|exit 77\n./mbox\n"), 77);
+    EXPECT_EQ(run("|exit 100\n./mbox\n"), 100);
+    EXPECT_FALSE(fileExists(dir / "mbox"));
+    // Nothing was marked by any of these, so nothing was stored.
+    EXPECT_EQ(record(), std::nullopt);
+}
+
+TEST_F(ProcessQmailFileTest, ExitNinetyNineEndsWithSuccessAndRemovesTheRecord) {
+    const std::string qmail = "./mbox\n|test -f go || exit 75; exit 99\n|echo after >> trace\n./Maildir/\n";
+    EXPECT_EQ(run(qmail), 111);
+    EXPECT_EQ(record(), std::optional<std::string>("./mbox"));
+
+    writeFile(dir / "go", "");
+    EXPECT_EQ(run(qmail), 0);
+    EXPECT_FALSE(fileExists(dir / "trace"));
+    EXPECT_TRUE(listDir(dir / "Maildir/new").empty());
+    EXPECT_EQ(record(), std::nullopt);
+}
+
+TEST_F(ProcessQmailFileTest, ExecuteBitAllowsOnlyEmptyAndForwardLines) {
+    testing::internal::CaptureStderr();
+    EXPECT_EQ(run("# only comments\n\n", 0744), 0);
+    EXPECT_EQ(testing::internal::GetCapturedStderr(), "");
+
+    for (const char *line : {"./Maildir/\n", "./mbox\n", "|echo ran >> trace\n"}) {
+        testing::internal::CaptureStderr();
+        EXPECT_EQ(run(std::string("# first\n") + line + "./mbox\n", 0700), 111) << line;
+        EXPECT_EQ(testing::internal::GetCapturedStderr(),
+                  ".qmail has prog delivery but has x bit set. (#4.7.0)\n");
+        EXPECT_EQ(record(), std::optional<std::string>("# first")) << line;
+    }
+    EXPECT_FALSE(fileExists(dir / "trace"));
+    EXPECT_FALSE(fileExists(dir / "mbox"));
+    EXPECT_TRUE(listDir(dir / "Maildir/new").empty());
+}
+
+TEST_F(ProcessQmailFileTest, LongLinesAreReadWhole) {
+    std::string padding(100000, ' ');
+    EXPECT_EQ(run("|echo long >> trace" + padding + "# " + std::string(50000, 'c') + "\n./mbox\n"), 0);
+    EXPECT_EQ(readFile(dir / "trace"), "long\n");
+    EXPECT_TRUE(fileExists(dir / "mbox"));
+}
+
+TEST_F(ProcessQmailFileTest, WithoutMessageIdEveryLineRunsAndNothingIsStored) {
+    writeFile(message, "Subject: none\n\nbody line\n", 0600);
+    LogCapture log;
+    EXPECT_EQ(run("|echo x >> trace\n|echo x >> trace\n|exit 111\n"), 111);
+    // Duplicates are not suppressed without delivery state.
+    EXPECT_EQ(readFile(dir / "trace"), "x\nx\n");
+    EXPECT_FALSE(fileExists(stateDatabase));
+    EXPECT_TRUE(log.contains(
+        4, "deliveryManager: Get empty message id, delivery state will be disabled for this mail"))
+        << log.dump();
+}
+
+TEST_F(ProcessQmailFileTest, ReadErrorIsLocalErrorAndKeepsTheRecord) {
+    EXPECT_EQ(run("./mbox\n|exit 111\n"), 111);
+    ASSERT_EQ(record(), std::optional<std::string>("./mbox"));
+    // A directory opens for reading but cannot be read.
+    ASSERT_EQ(unlink(".qmail"), 0);
+    ASSERT_EQ(mkdir(".qmail", 0600), 0);
+    LogCapture log;
+    EXPECT_EQ(processQmailFile(".qmail", message.c_str(), sender.c_str(), recipient.c_str()), -1);
+    EXPECT_TRUE(log.contains(3, "Error while reading file `.qmail'")) << log.dump();
+    EXPECT_EQ(record(), std::optional<std::string>("./mbox"));
+}
+
+}  // namespace
