@@ -90,4 +90,35 @@ TEST_F(DriverTest, MissingSpoolDirectoryDefers) {
     EXPECT_TRUE(r.logged(3, "Unable to read message from stdin"));
 }
 
+// A handler for all mail that keeps what it was given: the spool file's
+// bytes and mode, as every later stage would read them.
+TEST_F(DriverTest, SpoolFileHoldsTheExactInputPrivately) {
+    std::string keep = sb.root() + "/kept";
+    sb.mkdirs(keep, 0777);
+    sb.write("/usr/local/qrn/handlers/bin/keep",
+             "#!/bin/sh\nstat -L -c %a /proc/self/fd/0 > " + keep + "/mode\ncat > " + keep +
+                 "/bytes\necho SKIP >&2\n",
+             0755);
+    std::string sql =
+        "CREATE TABLE handlers (queue INTEGER, type INTEGER, enabled BOOLEAN, priority INTEGER, name VARCHAR(255) "
+        "NOT NULL, address VARCHAR(2048) NOT NULL, executable VARCHAR(2048) NOT NULL, context VARCHAR(2048) NOT "
+        "NULL, protected BOOLEAN NOT NULL default 0);"
+        "INSERT INTO handlers VALUES(2,4,1,0,'keep','all','/usr/local/qrn/handlers/bin/keep','',0);";
+    ASSERT_EQ(system(("sqlite3 " + sb.host("/var/lib/kavra/mail/handlers/handlers.db") + " \"" + sql + "\"").c_str()), 0);
+
+    std::string binary;
+    for (int i = 0; i < 256; i++)
+        binary += static_cast<char>(i);
+    std::string several(5 * 1024 * 1024 + 3, 'x');
+    for (size_t i = 0; i < several.size(); i += 77)
+        several[i] = '\n';
+    for (const std::string &input : {std::string(), std::string("no final newline"), binary, several}) {
+        RunResult r = deliver("user@example.com", input);
+        EXPECT_TRUE(r.loggedContaining("Unknown user: user@example.com")) << r.logDump();
+        EXPECT_EQ(Sandbox::slurpHost(keep + "/mode"), "600\n");
+        EXPECT_TRUE(Sandbox::slurpHost(keep + "/bytes") == input) << "input of " << input.size() << " bytes";
+        EXPECT_TRUE(sb.list("/usr/local/qrn/handlers/spool").empty());
+    }
+}
+
 }  // namespace
