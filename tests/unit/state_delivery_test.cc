@@ -216,12 +216,17 @@ TEST_F(DeliveryStateTest, StoredValueSplitsAtEveryLineFeedKeepingEmptyPieces) {
         EXPECT_TRUE(m->isDelivered(" \t\r"));
         EXPECT_FALSE(m->isDelivered("x"));
     }
-    storeValue(db, kKey, "a\n\nb\n");
+    storeValue(db, kKey, "a\n\nb");
     {
         auto m = manager();
         EXPECT_TRUE(m->isDelivered("a"));
         EXPECT_TRUE(m->isDelivered("b"));
         EXPECT_TRUE(m->isDelivered("   "));
+    }
+    storeValue(db, kKey, "\na\n\n\nb\n");
+    {
+        auto m = manager();
+        EXPECT_TRUE(m->isDelivered(""));
         m->markDelivered("c");
     }
     // The empty pieces collapse into one empty line, which sorts first.
