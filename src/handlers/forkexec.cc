@@ -10,6 +10,7 @@
 // here; only a child whose exec failed does.
 #include "handlers/forkexec.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
@@ -43,12 +44,15 @@ const size_t kChunkSize = 4095;
     else
         execv(path, args);
     int err = errno;
-    fprintf(stderr, "Mail handler call failed. Error occured during execv(%s):\n%s", path, strerror(err));
-    if (err == EFAULT)
-        fprintf(stderr, ", possible reason - terminated NULL parameter is absent in parameter 'char **args'.\n");
-    else
-        fprintf(stderr, ".\n");
-    fflush(stderr);
+    // One write, so that the whole text reaches the parent as one chunk.
+    char text[kChunkSize + 1];
+    int length = snprintf(text, sizeof text, "Mail handler call failed. Error occured during execv(%s):\n%s%s", path,
+                          strerror(err),
+                          err == EFAULT
+                              ? ", possible reason - terminated NULL parameter is absent in parameter 'char **args'.\n"
+                              : ".\n");
+    if (length > 0)
+        (void)!write(2, text, std::min(static_cast<size_t>(length), sizeof text - 1));
     close(2);
     // _exit: the parent's buffered stdout must not be flushed into fd_out.
     _exit(255);
