@@ -6,6 +6,8 @@
 #include <signal.h>
 #include <grp.h>
 #include <sys/mount.h>
+#include <sys/prctl.h>
+#include <sys/resource.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/un.h>
@@ -124,6 +126,8 @@ bool parseSyslog(const std::string &dgram, SyslogLine &line) {
     setsockopt(logSock, SOL_SOCKET, SO_RCVBUFFORCE, &bufSize, sizeof bufSize);
 
     std::string inPath = spec.inputPath.empty() ? runDir + "/stdin" : spec.inputPath;
+    if (spec.waitForOrphans)
+        prctl(PR_SET_CHILD_SUBREAPER, 1);
     pid_t pid = fork();
     if (pid < 0)
         die("fork");
@@ -172,24 +176,38 @@ bool parseSyslog(const std::string &dgram, SyslogLine &line) {
     };
     auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(spec.timeoutSeconds);
     int status = 0;
+    struct rusage usage {};
     for (;;) {
         pollfd pfd{logSock, POLLIN, 0};
         poll(&pfd, 1, 20);
         drain();
-        pid_t r = waitpid(pid, &status, WNOHANG);
+        pid_t r = wait4(pid, &status, WNOHANG, &usage);
         if (r == pid)
             break;
         if (std::chrono::steady_clock::now() > deadline) {
             kill(pid, SIGKILL);
-            waitpid(pid, &status, 0);
+            wait4(pid, &status, 0, &usage);
             break;
+        }
+    }
+    // Orphans were re-parented to this process (the subreaper); reap them all.
+    while (spec.waitForOrphans) {
+        pid_t r = waitpid(-1, nullptr, WNOHANG);
+        if (r < 0)
+            break;
+        if (r == 0) {
+            if (std::chrono::steady_clock::now() > deadline)
+                break;
+            pollfd pfd{logSock, POLLIN, 0};
+            poll(&pfd, 1, 5);
+            drain();
         }
     }
     // Grandchildren (a handler's background job, say) may still log briefly.
     drain();
     fclose(logOut);
     FILE *st = fopen((runDir + "/status").c_str(), "w");
-    fprintf(st, "%d\n", status);
+    fprintf(st, "%d %ld\n", status, usage.ru_maxrss);
     fclose(st);
     _exit(0);
 }
@@ -346,7 +364,8 @@ RunResult Sandbox::run(const RunSpec &spec) {
     RunResult result;
     if (!WIFEXITED(status) || WEXITSTATUS(status) != 0)
         throw std::runtime_error("sandbox setup failed: " + slurp(runDir + "/stderr"));
-    int childStatus = atoi(slurp(runDir + "/status").c_str());
+    int childStatus = 0;
+    std::istringstream(slurp(runDir + "/status")) >> childStatus >> result.maxRssKb;
     if (WIFEXITED(childStatus)) {
         result.status = WEXITSTATUS(childStatus);
     } else {

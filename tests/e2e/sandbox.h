@@ -24,6 +24,7 @@ struct RunResult {
     std::string out;
     std::string err;
     std::vector<SyslogLine> log;
+    long maxRssKb = 0;  // peak resident set size of the started program (wait4)
 
     bool logged(int priority, const std::string &text) const;
     bool loggedContaining(const std::string &part) const;
@@ -38,6 +39,10 @@ struct RunSpec {
     uid_t uid = 0;
     gid_t gid = 0;
     int timeoutSeconds = 120;
+    // Wait, too, for processes the program left running when it ended (a
+    // delivery program orphaned by a killed ferndrop), so that nothing still
+    // writes while the test looks at the results.
+    bool waitForOrphans = false;
 };
 
 class Sandbox {

@@ -1,0 +1,477 @@
+#!/usr/bin/env bash
+# ferndrop side by side with the minimal work of a delivery and with its
+# peers (procmail, maildrop, Dovecot's LDA), in one run, on this machine.
+#
+# Every program gets the same message on a pipe (2 KB, 64 KB, 1 MB, 10 MB)
+# and stores it into a maildir on the same file system, as the same non-root
+# user (nobody). Reported: medians and ratios to the minimal C program
+# (bench/minimal.c), system calls (strace -c), user-space instructions
+# (callgrind) and peak resident memory (GNU time).
+#
+# Rows:
+#   minimal        bench/minimal.c: spool (fsync), copy into tmp (fsync), rename
+#   ferndrop       no handler applies (registry of 1,000 rows), .qmail with one
+#                  maildir line
+#   ferndrop+lda   no .qmail: INBOX through Dovecot's LDA
+#   lda            Dovecot's LDA alone (dovecot-lda -d)
+#   procmail       rc file with a maildir DEFAULT
+#   maildrop       filter file with one maildir "to"
+#   cat+sync       sh -c 'cat > file && sync file'
+#   feed-only      the pipe feeding and one process start, nothing else
+#
+# usage (as root, from anywhere):
+#   bench/compare.sh [--quick] [--link-variants] [--report FILE]
+#     --quick          fewer runs (a smoke test, not figures)
+#     --link-variants  also relinks ferndrop fully static / with static
+#                      archives / with shared libraries and compares them
+#     --report FILE    also write the Markdown report to FILE
+#     --counts-only    skip the timing (system calls, instructions, memory)
+# FERNDROP_BUILD_DIR picks the build tree (default: <repo>/build-bench, a
+# release build configured and built here).
+#
+# Everything happens under one directory in /tmp, inside a private mount
+# namespace (overlays over /etc, /usr/local, /var/lib, /usr/libexec and a
+# private /dev with its own /dev/log), and is removed at the end.
+set -euo pipefail
+
+repo="$(cd "$(dirname "$0")/.." && pwd)"
+bench_uid=65534   # nobody
+bench_gid=65534   # nogroup
+
+# ---------------------------------------------------------------------------
+# Inside the namespace.
+# ---------------------------------------------------------------------------
+if [ "${1:-}" = --inside ]; then
+  T="$2"; quick="$3"; variants="$4"; counts_only="$5"
+  # shellcheck source=/dev/null
+  . "$T/env"
+  H="$T/bin/harness"
+  S="$T/fs"                        # every store lives here, on one file system
+  M="$T/mail"                      # the mailnames tree (-p)
+  out="$T/out"
+  sender=sender@bench-from.org
+  pids=()
+  stop_services() {
+    if [ -f "$T/dovecot-run/master.pid" ]; then
+      local p; p="$(cat "$T/dovecot-run/master.pid")"
+      kill "$p" 2>/dev/null || true
+      for _ in $(seq 100); do kill -0 "$p" 2>/dev/null || break; sleep 0.05; done
+    fi
+    local p
+    for p in "${pids[@]}"; do kill "$p" 2>/dev/null || true; wait "$p" 2>/dev/null || true; done
+  }
+  trap stop_services EXIT
+
+  # Overlays for the compiled-in paths; the stores themselves are bound in
+  # from plain directories, so that no program pays for overlayfs.
+  for d in /etc /usr/local /var/lib /usr/libexec; do
+    mkdir -p "$T/upper$d" "$T/work$d"
+    mount -t overlay overlay -o "lowerdir=$d,upperdir=$T/upper$d,workdir=$T/work$d" "$d"
+  done
+  if [ -e /usr/bin/deliverquota ]; then
+    # A Courier agent would win ferndrop's server detection: hide it.
+    mkdir -p "$T/upper/usr/bin" "$T/work/usr/bin"
+    mknod "$T/upper/usr/bin/deliverquota" c 0 0
+    mount -t overlay overlay -o "lowerdir=/usr/bin,upperdir=$T/upper/usr/bin,workdir=$T/work/usr/bin" /usr/bin
+  fi
+  # A private /dev: the real device nodes plus a /dev/log that is drained.
+  mkdir -p "$T/olddev"
+  mount --rbind /dev "$T/olddev"
+  mount -t tmpfs -o mode=0755,size=16m tmpfs /dev
+  for dev in null zero full random urandom tty; do
+    [ -e "$T/olddev/$dev" ] || continue
+    touch "/dev/$dev"; mount --bind "$T/olddev/$dev" "/dev/$dev"
+  done
+  umount -l "$T/olddev"
+  ln -s /proc/self/fd /dev/fd; ln -s /proc/self/fd/0 /dev/stdin
+  ln -s /proc/self/fd/1 /dev/stdout; ln -s /proc/self/fd/2 /dev/stderr
+  mkdir -m 1777 /dev/shm
+  "$H" logsink /dev/log "$T/syslog" &
+  pids+=($!)
+  for _ in $(seq 100); do [ -S /dev/log ] && break; sleep 0.02; done
+
+  mkdir -p /usr/local/qrn/handlers/spool /var/lib/kavra/mail "$S/spool" "$S/kavra/handlers" "$S/kavra/local"
+  mount --bind "$S/spool" /usr/local/qrn/handlers/spool
+  mount --bind "$S/kavra" /var/lib/kavra/mail
+  mkdir -p /usr/libexec/dovecot
+  ln -sf /usr/lib/dovecot/dovecot-lda /usr/libexec/dovecot/dovecot-lda
+
+  # The registry: 1,000 rows, none of which applies to this delivery (other
+  # addresses and domains, other queues, disabled rows).
+  sqlite3 "$S/kavra/handlers/handlers.db" "BEGIN TRANSACTION;CREATE TABLE handlers (queue INTEGER, type INTEGER, enabled BOOLEAN, priority INTEGER, name VARCHAR(255) NOT NULL, address VARCHAR(2048) NOT NULL, executable VARCHAR(2048) NOT NULL, context VARCHAR(2048) NOT NULL, protected BOOLEAN NOT NULL default 0, CONSTRAINT uniq_entries_constaraint PRIMARY KEY (queue, type, name, address, executable, context));CREATE INDEX idx1 ON handlers(queue, type, enabled, address);CREATE INDEX idx2 ON handlers(queue, type, enabled, address, priority);CREATE INDEX idx3 ON handlers(name, queue, type, address);CREATE INDEX idx4 ON handlers(name, queue, type);COMMIT;
+BEGIN;
+WITH RECURSIVE n(i) AS (SELECT 0 UNION ALL SELECT i + 1 FROM n WHERE i < 999)
+INSERT INTO handlers
+SELECT CASE WHEN i % 5 = 4 THEN 1 + 2 * (i % 2) ELSE 1 + i % 3 END, i % 5, (i % 10) != 0, i % 17, 'h' || i,
+       CASE i % 5 WHEN 4 THEN (CASE WHEN i % 2 = 0 THEN 'all' ELSE 'all-recipients' END)
+                  WHEN 0 THEN 'user' || i || '@dom' || (i % 100) || '.org'
+                  WHEN 1 THEN 'user' || i || '@dom' || (i % 100) || '.org'
+                  ELSE 'dom' || (i % 100) || '.org' END,
+       '/usr/local/bin/filter' || (i % 50), 'ctx' || i, 0
+FROM n;
+COMMIT;"
+  # Only global rows of queues 1 and 3 or disabled ones name "all": queue 2 is
+  # the delivery's queue, so the query for it must find nothing.
+  applicable="$(sqlite3 "$S/kavra/handlers/handlers.db" "SELECT count(*) FROM handlers WHERE queue=2 AND enabled=1 AND address IN ('all','all-recipients','$sender','bench-from.org','box@bench.test','inbox@bench.test','bench.test')")"
+  [ "$applicable" = 0 ] || { echo "registry: $applicable rows apply" >&2; exit 1; }
+  chown root:"$bench_gid" "$S/kavra/handlers/handlers.db"; chmod 0640 "$S/kavra/handlers/handlers.db"
+  chown "$bench_uid:$bench_gid" "$S/spool" "$S/kavra/local"
+
+  # Mailboxes: one per program, all alike.
+  for box in box inbox lda min pm md cat; do mkdir -p "$M/bench.test/$box"; done
+  for box in box min pm md; do mkdir -p "$M/bench.test/$box/Maildir/"{tmp,new,cur}; done
+  echo "./Maildir/" > "$M/bench.test/box/.qmail"
+  mkdir -p "$S/minspool" "$S/catspool" "$T/rc" "$out" "$T/home"
+  cat > "$T/rc/procmailrc" <<EOF
+MAILDIR=$M/bench.test/pm
+DEFAULT=$M/bench.test/pm/Maildir/
+EOF
+  cat > "$T/rc/mailfilter" <<EOF
+to "$M/bench.test/md/Maildir/"
+EOF
+  chmod 0600 "$T/rc/mailfilter"; chmod 0644 "$T/rc/procmailrc"
+  chown -R "$bench_uid:$bench_gid" "$M" "$S/minspool" "$S/catspool" "$T/rc" "$out" "$T/home"
+
+  # Dovecot: a private master (no listeners) for the LDA's userdb lookups;
+  # every address is served by nobody, home <mailnames>/<domain>/<mailname>.
+  mkdir -p /etc/dovecot "$T/dovecot-run"
+  cat > /etc/dovecot/dovecot.conf <<EOF
+protocols =
+ssl = no
+base_dir = $T/dovecot-run
+first_valid_uid = 1
+mail_location = maildir:~/Maildir
+passdb {
+  driver = passwd-file
+  args = /dev/null
+}
+userdb {
+  driver = static
+  args = uid=$bench_uid gid=$bench_gid home=$M/%d/%n allow_all_users=yes
+}
+# The LDA reports to the stats service; let it, as a tuned install would.
+service stats {
+  unix_listener stats-writer {
+    mode = 0666
+  }
+}
+EOF
+  /usr/sbin/dovecot -c /etc/dovecot/dovecot.conf
+
+  # Messages: headers with a Message-ID (so ferndrop's delivery state is in
+  # play) and a body of 76-character lines, cut to the exact size.
+  message() {
+    local size="$1" file="$2"
+    {
+      printf 'Return-Path: <%s>\nMessage-ID: <bench.%s@bench-from.org>\nFrom: Bench <%s>\n' "$sender" "$size" "$sender"
+      printf 'To: <box@bench.test>\nSubject: ferndrop benchmark, %s bytes\nDate: Thu, 01 Jan 2026 00:00:00 +0000\n\n' "$size"
+      yes 'Lorem ipsum dolor sit amet, consectetur adipiscing elit, sed do eiusmod tem.' | head -c "$size" || true
+    } | head -c "$((size - 1))" > "$file" || true
+    printf '\n' >> "$file"
+    [ "$(stat -c %s "$file")" = "$size" ] || { echo "message $file has the wrong size" >&2; exit 1; }
+  }
+  declare -A size_of=([2K]=2048 [64K]=65536 [1M]=1048576 [10M]=10485760 [100M]=104857600)
+  for s in 2K 64K 1M 10M 100M; do message "${size_of[$s]}" "$T/msg.$s"; done
+  chmod 0644 "$T"/msg.*
+
+  FD="$T/bin/ferndrop"
+  declare -A cmd=(
+    [minimal]="$T/bin/minimal $S/minspool $M/bench.test/min/Maildir"
+    [ferndrop]="$FD -f $sender -d box@bench.test -p $M"
+    [ferndrop+lda]="$FD -f $sender -d inbox@bench.test -p $M"
+    [lda]="/usr/lib/dovecot/dovecot-lda -d lda@bench.test"
+    [procmail]="/usr/bin/procmail $T/rc/procmailrc"
+    [maildrop]="/usr/bin/maildrop $T/rc/mailfilter"
+    [cat+sync]="/bin/sh -c 'cat > $S/catspool/m && sync $S/catspool/m'"
+    [feed-only]="$H nop"
+  )
+  declare -A newdir=(
+    [minimal]=min [ferndrop]=box [ferndrop+lda]=inbox [lda]=lda [procmail]=pm [maildrop]=md
+  )
+  rows=(minimal ferndrop ferndrop+lda lda procmail maildrop cat+sync feed-only)
+  if [ "$variants" = 1 ]; then
+    for v in "$T"/bin/ferndrop-*; do
+      name="${v##*/}"
+      cmd[$name]="$v -f $sender -d box@bench.test -p $M"; newdir[$name]=box; rows+=("$name")
+    done
+  fi
+  printf '%s\n' "${rows[@]}" > "$out/rows"
+
+  as_bench() {
+    setpriv --reuid="$bench_uid" --regid="$bench_gid" --clear-groups \
+      env -i PATH=/usr/local/bin:/usr/bin:/bin HOME="$T/home" LANG=C "$@"
+  }
+  clean_mail() {
+    find "$M" -path '*/Maildir/*/*' -type f -delete
+    rm -f "$S/catspool/m"
+  }
+  count_new() { { find "$M/bench.test/$1/Maildir/new" -type f 2>/dev/null || true; } | wc -l; }
+  # run_row ROW SIZE [WRAPPER...]: one delivery as the bench user, fed by
+  # the harness, the row's program under WRAPPER (strace, valgrind, time).
+  run_row() {
+    local r="$1" size="$2"; shift 2
+    eval "as_bench $H feed $T/msg.$size $* ${cmd[$r]}"
+  }
+
+  # --- correctness first: every row delivers the exact message -------------
+  echo "== checking every row once (2 KB)"
+  for r in "${rows[@]}"; do
+    before=0; [ -n "${newdir[$r]:-}" ] && before="$(count_new "${newdir[$r]}")"
+    if ! run_row "$r" 2K > "$out/check.$r" 2>&1; then
+      echo "row $r failed:"; cat "$out/check.$r"; tail -5 "$T/syslog"; exit 1
+    fi
+    if [ -n "${newdir[$r]:-}" ]; then
+      after="$(count_new "${newdir[$r]}")"
+      [ "$after" -eq $((before + 1)) ] || { echo "row $r stored nothing"; tail -5 "$T/syslog"; exit 1; }
+    fi
+  done
+  for r in minimal ferndrop; do
+    f="$(find "$M/bench.test/${newdir[$r]}/Maildir/new" -type f | head -1)"
+    cmp -s "$f" "$T/msg.2K" || { echo "row $r: stored copy differs from the message"; exit 1; }
+  done
+  left="$(find "$S/spool" "$S/minspool" -type f | wc -l)"
+  [ "$left" = 0 ] || { echo "spool files left behind: $left"; exit 1; }
+  clean_mail
+
+  # --- timing --------------------------------------------------------------
+  # Rounds interleave the rows, so that a change of load during the run hits
+  # every row alike; each round is one hyperfine call per size.
+  if [ "$counts_only" = 1 ]; then
+    plan=()
+  elif [ "$quick" = 1 ]; then
+    plan=("2K 2 10 3" "64K 1 5 2" "1M 1 4 1" "10M 1 3 1")
+  else
+    plan=("2K 4 50 5" "64K 3 30 3" "1M 3 12 2" "10M 3 6 1")
+  fi
+  : > "$out/times.tsv"
+  for p in ${plan[@]+"${plan[@]}"}; do
+    read -r size rounds runs warmup <<< "$p"
+    echo "== timing $size: $rounds rounds x $runs runs"
+    for round in $(seq "$rounds"); do
+      args=()
+      n=${#rows[@]}
+      for i in $(seq 0 $((n - 1))); do
+        r="${rows[$(( (i + round) % n ))]}"
+        args+=(-n "$r" "$H feed $T/msg.$size ${cmd[$r]}")
+      done
+      as_bench hyperfine -N --style basic --runs "$runs" --warmup "$warmup" \
+        --export-json "$out/t.$size.$round.json" "${args[@]}" > "$out/hyperfine.$size.$round.log" 2>&1 ||
+        { cat "$out/hyperfine.$size.$round.log"; exit 1; }
+      jq -r --arg s "$size" '.results[] | .command as $c | .times[] | "\($s)\t\($c)\t\(.)"' \
+        "$out/t.$size.$round.json" >> "$out/times.tsv"
+      clean_mail
+    done
+  done
+
+  # --- system calls, instructions (2 KB) ------------------------------------
+  echo "== strace and callgrind (2 KB)"
+  : > "$out/counts.tsv"
+  for r in "${rows[@]}"; do
+    [ "$r" = feed-only ] && continue
+    run_row "$r" 2K strace -c -f -o "$out/strace-f.$r" > /dev/null 2>&1 || true
+    run_row "$r" 2K strace -c -o "$out/strace.$r" > /dev/null 2>&1 || true
+    # Children are traced too (exec chains like Dovecot's LDA -> doveconf ->
+    # LDA stay one process), but only the main process is the row's figure:
+    # the pid of the first line of the log.
+    vcmd="${cmd[$r]}"
+    for p in procmail maildrop; do vcmd="${vcmd//\/usr\/bin\/$p /$T/bin/$p.plain }"; done
+    eval "as_bench $H feed $T/msg.2K valgrind --tool=callgrind --trace-children=yes \
+      --callgrind-out-file=$out/cg.$r.%p $vcmd" > "$out/valgrind.$r.log" 2>&1 || true
+    main="$(sed -n '1s/^==\([0-9]*\)==.*/\1/p' "$out/valgrind.$r.log")"
+    ir="$(awk '/^(summary|totals):/ { print $2; exit }' "$out/cg.$r.$main" 2>/dev/null || true)"
+    all="$(cat "$out"/cg."$r".* 2>/dev/null | awk '/^summary:/ { n += $2 } END { print n + 0 }')"
+    tree="$(awk '$NF == "total" { print $4 }' "$out/strace-f.$r" 2>/dev/null || true)"
+    own="$(awk '$NF == "total" { print $4 }' "$out/strace.$r" 2>/dev/null || true)"
+    printf '%s\t%s\t%s\t%s\t%s\n' "$r" "${own:-?}" "${tree:-?}" "${ir:-?}" "$all" >> "$out/counts.tsv"
+  done
+  # Where ferndrop's own time goes: the call listing and the profile.
+  run_row ferndrop 2K strace -f -tt -o "$out/trace.ferndrop" > /dev/null 2>&1 || true
+  run_row ferndrop+lda 2K strace -f -tt -o "$out/trace.ferndrop+lda" > /dev/null 2>&1 || true
+  for f in "$out"/cg.ferndrop.*; do
+    callgrind_annotate --inclusive=yes "$f" 2>/dev/null | head -60 > "$out/profile.ferndrop" || true
+  done
+  clean_mail
+
+  # --- peak resident memory --------------------------------------------------
+  echo "== peak resident memory"
+  : > "$out/rss.tsv"
+  for r in "${rows[@]}"; do
+    [ "$r" = feed-only ] && continue
+    for size in 2K 10M; do
+      run_row "$r" "$size" /usr/bin/time -f %M -o "$out/rss.$r.$size" > /dev/null 2>&1 || true
+      printf '%s\t%s\t%s\n' "$r" "$size" "$(tail -1 "$out/rss.$r.$size")" >> "$out/rss.tsv"
+    done
+    clean_mail
+  done
+  for r in minimal ferndrop; do
+    run_row "$r" 100M /usr/bin/time -f %M -o "$out/rss.$r.100M" > /dev/null 2>&1 || true
+    printf '%s\t%s\t%s\n' "$r" 100M "$(tail -1 "$out/rss.$r.100M")" >> "$out/rss.tsv"
+    clean_mail
+  done
+  grep -c 'ferndrop\[' "$T/syslog" > "$out/ferndrop-log-lines" || true
+  grep -E 'ferndrop\[[0-9]+\]: ' "$T/syslog" | grep -v ': ferndrop: from=' | sed 's/^<[0-9]*>[^]]*]: //' |
+    sort | uniq -c | sort -rn | head -5 > "$out/ferndrop-other-log-lines" || true
+  exit 0
+fi
+
+# ---------------------------------------------------------------------------
+# On the host (root): tools, build, sandbox, report.
+# ---------------------------------------------------------------------------
+quick=0; variants=0; report=""; counts_only=0
+while [ $# -gt 0 ]; do
+  case "$1" in
+    --quick) quick=1 ;;
+    --link-variants) variants=1 ;;
+    --report) report="$2"; shift ;;
+    --counts-only) counts_only=1 ;;
+    *) echo "usage: $0 [--quick] [--link-variants] [--report FILE]" >&2; exit 64 ;;
+  esac
+  shift
+done
+[ "$(id -u)" = 0 ] || { echo "run as root (apt-get, mount namespace)" >&2; exit 1; }
+
+packages=(hyperfine procmail maildrop valgrind strace time dovecot-core sqlite3 jq util-linux gcc
+          cmake g++ make pkg-config libsqlite3-dev libtokyocabinet-dev libboost-dev)
+missing=()
+for p in "${packages[@]}"; do
+  dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q "install ok installed" || missing+=("$p")
+done
+if [ "${#missing[@]}" -gt 0 ]; then
+  echo "installing: ${missing[*]}"
+  export DEBIAN_FRONTEND=noninteractive
+  apt-get update -qq
+  # No service may start on the host: Dovecot runs only inside the sandbox.
+  printf '#!/bin/sh\nexit 101\n' > /usr/sbin/policy-rc.d.ferndrop-bench
+  chmod 755 /usr/sbin/policy-rc.d.ferndrop-bench
+  own_policy=0
+  [ -e /usr/sbin/policy-rc.d ] || { ln -s policy-rc.d.ferndrop-bench /usr/sbin/policy-rc.d; own_policy=1; }
+  apt-get install -y -qq --no-install-recommends "${missing[@]}" > /dev/null
+  [ "$own_policy" = 1 ] && rm -f /usr/sbin/policy-rc.d
+  rm -f /usr/sbin/policy-rc.d.ferndrop-bench
+fi
+
+build="${FERNDROP_BUILD_DIR:-$repo/build-bench}"
+echo "== building ferndrop (release) in $build"
+cmake -S "$repo" -B "$build" -DCMAKE_BUILD_TYPE=RelWithDebInfo -DFERNDROP_TESTS=OFF > /dev/null
+cmake --build "$build" -j"$(nproc)" --target ferndrop > /dev/null 2> "$build/bench-build.log" ||
+  { cat "$build/bench-build.log"; exit 1; }
+
+T="$(mktemp -d /tmp/ferndrop-bench.XXXXXX)"
+# FERNDROP_BENCH_KEEP=DIR keeps the raw results (and the logs of a failure).
+trap '[ -z "${FERNDROP_BENCH_KEEP:-}" ] || { mkdir -p "$FERNDROP_BENCH_KEEP"; cp -r "$T/out" "$T/syslog" "$FERNDROP_BENCH_KEEP/" 2>/dev/null; }; rm -rf "$T"' EXIT
+chmod 0755 "$T"
+mkdir -p "$T/bin"
+cp "$build/ferndrop" "$T/bin/ferndrop"
+# Valgrind will not run set-id programs as an ordinary user; plain copies
+# serve for the instruction counts.
+cp /usr/bin/procmail "$T/bin/procmail.plain"; cp /usr/bin/maildrop "$T/bin/maildrop.plain"
+gcc -O2 -o "$T/bin/minimal" "$repo/bench/minimal.c"
+gcc -O2 -static -o "$T/bin/harness" "$repo/bench/harness.c"
+if [ "$variants" = 1 ]; then
+  # The same objects, linked three more ways: static archives of SQLite and
+  # Tokyo Cabinet with the shared C library; shared libraries with static
+  # libstdc++; everything shared.
+  link="$(cat "$build/CMakeFiles/ferndrop.dir/link.txt")"
+  relink() {
+    local name="$1"; shift
+    local line="$link"
+    local pair
+    for pair in "$@"; do line="${line//${pair%%=>*}/${pair#*=>}}"; done
+    (cd "$build" && eval "${line/ -o ferndrop / -o $T/bin/$name }" 2> /dev/null)
+  }
+  relink ferndrop-archives " -static =>  -static-libstdc++ -static-libgcc " \
+    "-lsqlite3=>-l:libsqlite3.a" "-ltokyocabinet -lz -lbz2=>-l:libtokyocabinet.a -l:libz.a -l:libbz2.a"
+  relink ferndrop-shared " -static =>  -static-libstdc++ -static-libgcc "
+  relink ferndrop-allshared " -static => "
+fi
+chmod -R a+rX "$T"
+{
+  echo "hyperfine_version=\"$(hyperfine --version)\""
+} > "$T/env"
+
+load_before="$(cut -d' ' -f1-3 /proc/loadavg)"
+start=$(date +%s)
+unshare -m --propagation private bash "$0" --inside "$T" "$quick" "$variants" "$counts_only"
+elapsed=$(( $(date +%s) - start ))
+load_after="$(cut -d' ' -f1-3 /proc/loadavg)"
+
+# --- report ------------------------------------------------------------------
+out="$T/out"
+median() { sort -g | awk '{ v[NR] = $1 } END { if (NR % 2) print v[(NR + 1) / 2]; else print (v[NR / 2] + v[NR / 2 + 1]) / 2 }'; }
+med() { awk -F'\t' -v s="$1" -v c="$2" '$1 == s && $2 == c { print $3 }' "$out/times.tsv" | median; }
+count() { awk -F'\t' -v s="$1" -v c="$2" '$1 == s && $2 == c' "$out/times.tsv" | wc -l; }
+ms() { awk -v v="$1" 'BEGIN { if (v == "") print "-"; else printf "%.2f", v * 1000 }'; }
+ratio() { awk -v a="$1" -v b="$2" 'BEGIN { if (a == "" || b == "" || b == 0) print "-"; else printf "%.2f", a / b }'; }
+mapfile -t rows < "$out/rows"
+
+{
+  echo "### Run"
+  echo
+  echo "- command: \`bench/compare.sh$([ "$quick" = 1 ] && echo " --quick")$([ "$variants" = 1 ] && echo " --link-variants")\`"
+  echo "- machine: $(nproc) CPUs, $(grep -m1 'model name' /proc/cpuinfo | cut -d: -f2 | sed 's/^ *//'), kernel $(uname -r)"
+  echo "- disk: $(df -T /tmp | awk 'NR == 2 { print $1 " (" $2 ")" }'), rotational=$(cat /sys/block/"$(basename "$(df /tmp | awk 'NR == 2 { print $1 }')")"/queue/rotational 2>/dev/null || echo '?')"
+  echo "- load average before / after: $load_before / $load_after; run time ${elapsed}s; $(. "$T/env"; echo "$hyperfine_version")"
+  echo
+  echo "### Wall time, medians (ms), message on a pipe"
+  echo
+  printf '| row |'; for s in 2K 64K 1M 10M; do printf ' %s | x min |' "$s"; done; echo
+  printf '|---|'; for _ in 2K 64K 1M 10M; do printf -- '---:|---:|'; done; echo
+  for r in "${rows[@]}"; do
+    printf '| %s |' "$r"
+    for s in 2K 64K 1M 10M; do
+      m="$(med "$s" "$r")"; base="$(med "$s" minimal)"
+      printf ' %s | %s |' "$(ms "$m")" "$(ratio "$m" "$base")"
+    done
+    echo
+  done
+  echo
+  printf 'Samples per row: '; for s in 2K 64K 1M 10M; do printf '%s %s; ' "$s" "$(count "$s" minimal)"; done; echo
+  echo
+  echo "### System calls and instructions, 2 KB"
+  echo
+  echo "| row | syscalls, own process | syscalls, with children | instructions, own process | instructions, with children |"
+  echo "|---|---:|---:|---:|---:|"
+  mega() { awk -v v="$1" 'BEGIN { if (v + 0 > 0) printf "%.3f M", v / 1e6; else print v }'; }
+  while IFS=$'\t' read -r r own tree ir all; do
+    printf '| %s | %s | %s | %s | %s |\n' "$r" "$own" "$tree" "$(mega "$ir")" "$(mega "$all")"
+  done < "$out/counts.tsv"
+  echo
+  echo "### Peak resident memory (KB)"
+  echo
+  echo "| row | 2 KB | 10 MB | 100 MB |"
+  echo "|---|---:|---:|---:|"
+  for r in "${rows[@]}"; do
+    [ "$r" = feed-only ] && continue
+    printf '| %s |' "$r"
+    for s in 2K 10M 100M; do printf ' %s |' "$(awk -F'\t' -v r="$r" -v s="$s" '$1 == r && $2 == s { print $3 }' "$out/rss.tsv")"; done
+    echo
+  done
+  echo
+  echo "### Goals"
+  echo
+  f2="$(med 2K ferndrop)"; m2="$(med 2K minimal)"; f10="$(med 10M ferndrop)"; m10="$(med 10M minimal)"
+  fl="$(med 2K ferndrop+lda)"; l2="$(med 2K lda)"
+  verdict() { awk -v a="$1" -v b="$2" 'BEGIN { print (a <= b) ? "met" : "NOT met" }'; }
+  best_peer="$(for r in procmail maildrop lda; do printf '%s %s\n' "$(med 2K "$r")" "$r"; done | sort -g | head -1)"
+  own_sc="$(awk -F'\t' '$1 == "ferndrop" { print $2 }' "$out/counts.tsv")"
+  own_ir="$(awk -F'\t' '$1 == "ferndrop" { print $4 }' "$out/counts.tsv")"
+  rss2="$(awk -F'\t' '$1 == "ferndrop" && $2 == "2K" { print $3 }' "$out/rss.tsv")"
+  rss10="$(awk -F'\t' '$1 == "ferndrop" && $2 == "10M" { print $3 }' "$out/rss.tsv")"
+  echo "| goal | figure | verdict |"
+  echo "|---|---|---|"
+  echo "| 2 KB: ferndrop <= 1.2x minimal | $(ratio "$f2" "$m2")x | $(verdict "$(ratio "$f2" "$m2")" 1.2) |"
+  echo "| 2 KB: ferndrop below the fastest peer (${best_peer#* }) | $(ms "$f2") vs $(ms "${best_peer% *}") ms | $(verdict "$f2" "${best_peer% *}") |"
+  echo "| 10 MB: ferndrop <= 1.1x minimal | $(ratio "$f10" "$m10")x | $(verdict "$(ratio "$f10" "$m10")" 1.1) |"
+  echo "| INBOX: ferndrop+lda <= 1.15x lda | $(ratio "$fl" "$l2")x | $(verdict "$(ratio "$fl" "$l2")" 1.15) |"
+  echo "| instructions, own process <= 1.0 M | $(awk -v v="$own_ir" 'BEGIN { printf "%.3f M", v / 1e6 }') | $(verdict "$own_ir" 1000000) |"
+  echo "| system calls, own process <= 150 | $own_sc | $(verdict "$own_sc" 150) |"
+  echo "| peak RSS 10 MB within 1 MB (1024 KB) of 2 KB | $rss2 vs $rss10 KB | $(verdict "$(( rss10 - rss2 ))" 1024) |"
+  echo
+  echo "ferndrop log lines in the whole run: $(cat "$out/ferndrop-log-lines"); other than the start line:"
+  echo
+  echo '```'
+  cat "$out/ferndrop-other-log-lines"
+  echo '```'
+} > "$T/report.md"
+cat "$T/report.md"
+[ -z "$report" ] || cp "$T/report.md" "$report"
