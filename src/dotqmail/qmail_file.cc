@@ -133,12 +133,9 @@ QmailLine parseQmailLine(const std::string &raw) {
     }
 }
 
-int checkQmailPermissions(const char *fileName) {
-    struct stat st;
-    if (stat(fileName, &st) != 0) {
-        LogFunction(3, "System error %s: %s\n", fileName, strerror(errno));
-        return -1;
-    }
+namespace {
+
+int judgePermissions(const char *fileName, const struct stat &st) {
     if (st.st_mode & (S_IWGRP | S_IWOTH)) {
         LogFunction(3, "File %s is writable for group or others\n", fileName);
         return -1;
@@ -146,12 +143,30 @@ int checkQmailPermissions(const char *fileName) {
     return (st.st_mode & (S_IXUSR | S_IXGRP | S_IXOTH)) ? 1 : 0;
 }
 
+}  // namespace
+
+int checkQmailPermissions(const char *fileName) {
+    struct stat st;
+    if (stat(fileName, &st) != 0) {
+        LogFunction(3, "System error %s: %s\n", fileName, strerror(errno));
+        return -1;
+    }
+    return judgePermissions(fileName, st);
+}
+
 int processQmailFile(const char *fileName, const char *messagePath, const char *sender,
                      const char *recipient) {
+    // One look at the file answers both "is there one" and "may it be used".
     struct stat st;
-    if (stat(fileName, &st) != 0 && errno == ENOENT)
+    int permissions;
+    if (stat(fileName, &st) == 0) {
+        permissions = judgePermissions(fileName, st);
+    } else if (errno == ENOENT) {
         return DR_NO_INSTRUCTIONS;
-    int permissions = checkQmailPermissions(fileName);
+    } else {
+        LogFunction(3, "System error %s: %s\n", fileName, strerror(errno));
+        permissions = -1;
+    }
     if (permissions < 0) {
         LogFunction(3, "Wrong permissions for %s", fileName);
         return DR_LOCAL_ERROR;

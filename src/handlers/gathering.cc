@@ -156,9 +156,18 @@ int mh_get_handlers(HandlerList *list, char **addresses, HandlerQueue queue) {
         mh_busy_close(db);
         return -1;
     }
+    // One read transaction over all the queries: the shared lock is taken and
+    // the file's change counter looked at once instead of once per query, and
+    // every getter reads the same state of a registry the panel may be
+    // changing. A deferred BEGIN touches no file, so it cannot be busy.
+    bool inTransaction = sqlite3_exec(db, "BEGIN", nullptr, nullptr, nullptr) == SQLITE_OK;
+    mh_begin_select_reuse(db);
     const HandlerGetter *order = kGatheringOrders[queue == 1 ? 1 : 0];
     for (int i = 0; i < kGettersPerOrder; i++)
         order[i](db, list, addresses, queue);
+    mh_end_select_reuse();
+    if (inTransaction)
+        sqlite3_exec(db, "COMMIT", nullptr, nullptr, nullptr);
     if (mh_busy_close(db) != 0)
         return -1;
     return tuned;

@@ -10,3 +10,10 @@ const char *mh_db_message(sqlite3 *db);
 
 // Opens the registry path for reading. Null (logged) on failure.
 sqlite3 *mh_open_registry();
+
+// A gathering runs the main query six times or more on one connection, and
+// parsing its text is most of what the gathering costs: between these two
+// calls mh_select_handlers keeps the statement prepared for db and only
+// rebinds it. The end finalizes it, so it must come before the close.
+void mh_begin_select_reuse(sqlite3 *db);
+void mh_end_select_reuse();

@@ -96,7 +96,24 @@ bool addRows(sqlite3 *db, sqlite3_stmt *stmt, HandlerList *list, const HandlerRe
     return false;
 }
 
+// The statement kept prepared for the connection of the gathering under way.
+struct ReusedSelect {
+    sqlite3 *db = nullptr;
+    sqlite3_stmt *stmt = nullptr;
+};
+ReusedSelect reused;
+
 }  // namespace
+
+void mh_begin_select_reuse(sqlite3 *db) {
+    mh_end_select_reuse();
+    reused.db = db;
+}
+
+void mh_end_select_reuse() {
+    sqlite3_finalize(reused.stmt);
+    reused = ReusedSelect{};
+}
 
 int mh_select_handlers(sqlite3 *db, HandlerList *list, const HandlerRecord *key) {
     char address[kAddressBufferSize];
@@ -112,14 +129,22 @@ int mh_select_handlers(sqlite3 *db, HandlerList *list, const HandlerRecord *key)
     }
 
     int result = -1;
-    sqlite3_stmt *stmt = nullptr;
+    bool reuse = own == nullptr && db == reused.db;
+    sqlite3_stmt *stmt = reuse ? reused.stmt : nullptr;
     int answer = SQLITE_OK;
-    if (mh_busy_prepare(db, kSelect, &stmt, nullptr, &answer) != 0 || answer != SQLITE_OK) {
+    if (stmt != nullptr) {
+        sqlite3_reset(stmt);
+    } else if (mh_busy_prepare(db, kSelect, &stmt, nullptr, &answer) != 0 || answer != SQLITE_OK) {
         LogFunction(3, "Unable to prepare SQL statement for query '%s': %s", kSelect, mh_db_message(db));
-    } else if (bindKey(db, stmt, key, address) && addRows(db, stmt, list, key, address)) {
-        result = 0;
+        sqlite3_finalize(stmt);
+        stmt = nullptr;
     }
-    sqlite3_finalize(stmt);
+    if (stmt != nullptr && bindKey(db, stmt, key, address) && addRows(db, stmt, list, key, address))
+        result = 0;
+    if (reuse)
+        reused.stmt = stmt;
+    else
+        sqlite3_finalize(stmt);
     if (own != nullptr && mh_busy_close(own) != 0)
         result = -1;
     return result;
