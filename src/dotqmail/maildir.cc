@@ -3,8 +3,10 @@
 //
 // Promises: a reader scanning `new` sees either nothing or the whole message,
 // never a partial one (the file is complete, synced and closed before the
-// rename); a success means the rename is on disk as well, because the `new`
-// directory is synced after it; a failure leaves nothing in `new` (a partial
+// rename). The `new` directory itself is not synced, as in qmail and Postfix:
+// that would cost a third journal commit per delivery, while the rename
+// reaches the disk with the journal's next commit anyway. A failure leaves
+// nothing in `new` (a partial
 // file may stay in `tmp`, where maildir cleaners expect leftovers). A path too
 // long for the name buffers is refused rather than cut, since a cut path would
 // store the message somewhere nobody looks.
@@ -32,25 +34,6 @@ const unsigned kClashWaitSeconds = 2;
 bool maildirPath(char (&out)[kPathSize], const char *maildir, const char *sub, const char *name) {
     int n = snprintf(out, sizeof out, "%s/%s/%s", maildir, sub, name);
     return n >= 0 && static_cast<size_t>(n) < sizeof out;
-}
-
-// A crash right after rename(2) may lose the directory entry unless the
-// directory itself is synced; only then is the delivery really done.
-int syncDirectory(const char *maildir) {
-    char dir[kPathSize];
-    int n = snprintf(dir, sizeof dir, "%s/new", maildir);
-    if (n < 0 || static_cast<size_t>(n) >= sizeof dir) {
-        errno = ENAMETOOLONG;
-        return -1;
-    }
-    int fd = open(dir, O_RDONLY | O_DIRECTORY | O_CLOEXEC);
-    if (fd < 0)
-        return -1;
-    int rc = fsync(fd);
-    int err = errno;
-    close(fd);
-    errno = err;
-    return rc;
 }
 
 }  // namespace
@@ -110,16 +93,6 @@ int deliverMaildir(const char *messagePath, const char *maildir) {
     if (rename(tmpPath, newPath) != 0) {
         LogFunction(3, "System error: %s\n", strerror(errno));
         return -1;
-    }
-    if (syncDirectory(maildir) != 0) {
-        LogFunction(3, "System error: %s\n", strerror(errno));
-        // The entry may not survive a crash, so this is not yet a delivery:
-        // take it back out of `new` and let the retry store it again. If it
-        // cannot be taken back, a reader already has it (moved to `cur`, say)
-        // and failing would only store it twice.
-        if (rename(newPath, tmpPath) == 0)
-            return -1;
-        LogFunction(3, "System error: %s\n", strerror(errno));
     }
     return 0;
 }
