@@ -128,8 +128,8 @@ int main(int argc, char **argv) {
             return 67;
         }
         printf("adding user %s\n", user.c_str());
-        if (run({"/usr/sbin/useradd", "--system", "--gid", kGroup, "--no-create-home", "--home-dir", "/nonexistent",
-                 "--shell", "/usr/sbin/nologin", user}) != 0 ||
+        if (run({"/usr/sbin/useradd", "--system", "--gid", kGroup, "--no-create-home", "--no-log-init",
+                 "--home-dir", "/nonexistent", "--shell", "/usr/sbin/nologin", user}) != 0 ||
             getpwnam(user.c_str()) == nullptr) {
             fprintf(stderr, "ferndrop-setup: cannot add user %s\n", user.c_str());
             return 1;
