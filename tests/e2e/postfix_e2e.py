@@ -36,7 +36,7 @@ class Case:
     def __init__(self, name, sender, rcpt, body, headers=(), eightbit=False):
         self.name = name
         self.sender = sender
-        self.rcpt = rcpt
+        self.rcpts = rcpt.split(",")
         self.msgid = "<%s.%d@e2e.example.org>" % (name, os.getpid())
         head = [
             b"From: " + (sender or "MAILER-DAEMON@example.org").encode(),
@@ -68,6 +68,8 @@ def cases(short):
         Case("mixedcase", "carol@example.com", "Alice@Example.COM", b"Case does not matter.\n"),
         Case("nullsender", "", "alice@example.com", b"A notification with the null sender.\n"),
         Case("forward", "carol@example.com", "bob@example.com", b"Bob keeps one, Dave gets one.\n"),
+        # One transaction, two recipients: one ferndrop run for each.
+        Case("tworcpts", "carol@example.com", "alice@example.com,dave@example.com", b"For both of you.\n"),
         Case("nullforward", "", "bob@example.com", b"A bounce that bob forwards.\n"),
         Case("unknown", "carol@example.com", "nobody@example.com", b"Nobody lives here.\n"),
         Case("refused", "carol@example.com", "refuse@example.com", b"This one comes back.\n"),
@@ -107,7 +109,7 @@ def check(args):
     smtp = smtplib.SMTP("127.0.0.1", args.smtp, local_hostname="client.example.org")
     for c in todo:
         opts = ["BODY=8BITMIME"] if c.eightbit else []
-        smtp.sendmail(c.sender, [c.rcpt], c.raw.replace(b"\n", b"\r\n"), mail_options=opts)
+        smtp.sendmail(c.sender, c.rcpts, c.raw.replace(b"\n", b"\r\n"), mail_options=opts)
     smtp.quit()
 
     # Postfix has accepted everything; once its queue is empty nothing more
@@ -147,6 +149,7 @@ def check(args):
         if name in named:
             expect(named[name], ["alice"])
     expect(named["forward"], ["bob", "dave"])
+    expect(named["tworcpts"], ["alice", "dave"])
     expect(named["nullforward"], ["bob", "dave"])
     expect(named["unknown"], [])
     expect(named["refused"], [])
