@@ -12,8 +12,7 @@
 # namespace's first process ends, the kernel kills whatever is left in it;
 # the scratch directory is removed afterwards. Nothing touches the host.
 #
-# usage: postfix_e2e.sh BUILD_DIR [--short]
-#   --short  skip the 1 MB attachment (the sanitizer build's ferndrop is slow)
+# usage: postfix_e2e.sh BUILD_DIR
 # Exit 77: cannot run here (not root, no namespaces); ctest counts it skipped.
 set -euo pipefail
 here=$(cd "$(dirname "$0")" && pwd)
@@ -22,8 +21,7 @@ smtp_port=2525
 imap_port=1143
 
 if [ "${1:-}" != --inside ]; then
-    build=$(cd "${1:?usage: postfix_e2e.sh BUILD_DIR [--short]}" && pwd)
-    short=${2:-}
+    build=$(cd "${1:?usage: postfix_e2e.sh BUILD_DIR}" && pwd)
     if [ "$(id -u)" != 0 ] || ! unshare --mount --net --pid --fork true 2>/dev/null; then
         echo "postfix_e2e: needs root and namespaces; skipped" >&2
         exit 77
@@ -34,13 +32,12 @@ if [ "${1:-}" != --inside ]; then
     DESTDIR=$T/upper cmake --install "$build" --prefix /usr/local >/dev/null
     rc=0
     unshare --mount --net --pid --fork --mount-proc --propagation private \
-        "$0" --inside "$T" "$short" || rc=$?
+        "$0" --inside "$T" || rc=$?
     exit "$rc"
 fi
 
 # ---------------------------------------------------------------- inside
 T=$2
-short=$3
 ip link set lo up
 for d in /usr /etc /var /run; do
     mkdir -p "$T/upper$d" "$T/work$d"
@@ -177,7 +174,7 @@ postfix start >/dev/null 2>&1 || { postfix start; exit 1; }
 
 rc=0
 /usr/bin/python3 "$here/postfix_e2e.py" check --smtp "$smtp_port" --imap "$imap_port" \
-    --log "$log" ${short:+--short} || rc=$?
+    --log "$log" || rc=$?
 
 postfix stop >/dev/null 2>&1 || true
 doveadm stop 2>/dev/null || true
