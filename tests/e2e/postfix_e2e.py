@@ -71,6 +71,7 @@ def cases():
         Case("nullforward", "", "bob@example.com", b"A bounce that bob forwards.\n"),
         Case("unknown", "carol@example.com", "nobody@example.com", b"Nobody lives here.\n"),
         Case("refused", "carol@example.com", "refuse@example.com", b"This one comes back.\n"),
+        Case("loop", "carol@example.com", "loop1@example.com", b"Round and round.\n"),
     ]
 
 
@@ -149,6 +150,7 @@ def check(args):
     expect(named["nullforward"], ["bob", "dave"])
     expect(named["unknown"], [])
     expect(named["refused"], [])
+    expect(named["loop"], [])
 
     # Postfix hands the null sender over as "<>" (null_sender=<>), which the
     # R flag writes quoted into Return-Path. The forwarded copies went out
@@ -168,18 +170,23 @@ def check(args):
                 problems.append("forwarded copy should carry both passes' stamps")
 
     # The refused message comes back to carol, once, as a bounce naming the
-    # permanent status ferndrop reported.
-    bounces = [raw for raw in boxes["carol"] if named["refused"].msgid.encode() in raw]
-    if len(bounces) != 1:
-        problems.append("refused: %d bounces for carol, want 1" % len(bounces))
-    else:
+    # permanent status ferndrop reported; the forwarding loop is cut by the
+    # D flag's Delivered-To check and bounced the same way.
+    all_bounces = 0
+    for name, status in [("refused", b"Status: 5.7.1"), ("loop", b"Status: 5.4.6")]:
+        bounces = [raw for raw in boxes["carol"] if named[name].msgid.encode() in raw]
+        all_bounces += len(bounces)
+        if len(bounces) != 1:
+            problems.append("%s: %d bounces for carol, want 1" % (name, len(bounces)))
+            continue
         head, body = split(bounces[0])
-        if "<MAILER-DAEMON@example.com>" not in head.get("From", "") or b"Status: 5.7.1" not in body:
-            problems.append("refused: not a 5.7.1 bounce:\n" + bounces[0][:3000].decode("utf-8", "replace"))
+        if "<MAILER-DAEMON@example.com>" not in head.get("From", "") or status not in body:
+            problems.append("%s: not a %s bounce:\n%s" % (name, status.decode(),
+                                                           bounces[0][:3000].decode("utf-8", "replace")))
         if head.get("Return-Path") != null_rp:
-            problems.append("refused: bounce Return-Path %r" % head.get("Return-Path"))
-    if len(boxes["carol"]) != len(bounces):
-        problems.append("carol got %d messages besides the bounce" % (len(boxes["carol"]) - len(bounces)))
+            problems.append("%s: bounce Return-Path %r" % (name, head.get("Return-Path")))
+    if len(boxes["carol"]) != all_bounces:
+        problems.append("carol got %d messages besides the bounces" % (len(boxes["carol"]) - all_bounces))
 
     if "Unknown user: nobody@example.com" not in log:
         problems.append("no 'Unknown user' line for nobody@example.com")

@@ -85,13 +85,16 @@ sqlite3 /var/lib/kavra/mail/handlers/handlers.db \
     "INSERT INTO handlers VALUES(2,3,1,10,'stamp','example.com','/usr/local/qrn/handlers/bin/stamp','',0);"
 
 # Mailboxes. alice, carol and dave have no .qmail (INBOX through dovecot-lda);
-# bob keeps a copy and forwards; refuse's program line refuses permanently.
-for box in alice bob carol dave refuse; do
+# bob keeps a copy and forwards; refuse's program line refuses permanently;
+# loop1 and loop2 forward to each other.
+for box in alice bob carol dave refuse loop1 loop2; do
     mkdir -p "$mailnames/example.com/$box"
 done
 mkdir -p "$mailnames/example.com/bob/Maildir/"{tmp,new,cur}
 printf '&dave@example.com\n./Maildir/\n' >"$mailnames/example.com/bob/.qmail"
 printf '|exit 100\n' >"$mailnames/example.com/refuse/.qmail"
+echo '&loop2@example.com' >"$mailnames/example.com/loop1/.qmail"
+echo '&loop1@example.com' >"$mailnames/example.com/loop2/.qmail"
 chmod 0600 "$mailnames"/example.com/*/.qmail
 chown -R popuser:popuser "$mailnames"
 
