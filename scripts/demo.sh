@@ -1,7 +1,8 @@
 #!/usr/bin/env bash
 # Installs dependencies, builds ferndrop, installs it into a staging tree and
 # runs a narrated demo delivery with the installed binary inside a sandbox
-# (a private mount namespace under /tmp, removed afterwards): two handlers,
+# (a private mount namespace under /tmp, removed afterwards), in the layout the
+# installed ferndrop-setup makes, as the delivery user mail: two handlers,
 # a .qmail with maildir, mbox, program and forward lines, and INBOX delivery
 # through Dovecot's own LDA.
 set -euo pipefail
@@ -10,7 +11,7 @@ scripts/install-deps.sh
 scripts/build.sh release
 stage=$(mktemp -d /tmp/ferndrop-demo-install.XXXXXX)
 trap 'rm -rf "$stage"' EXIT
-DESTDIR="$stage" cmake --install build/release --prefix /usr/local >/dev/null
-binary=$(find "$stage" -type f -name ferndrop -perm -u+x | head -n 1)
-echo "installed: ${binary#$stage} (staged in $stage)"
-build/release/tests/e2e/ferndrop_demo "$binary"
+chmod 0755 "$stage"  # the delivery user runs the staged binaries
+DESTDIR="$stage" cmake --install build/release --prefix /usr/local
+sbin=$stage/usr/local/sbin
+build/release/tests/e2e/ferndrop_demo "$sbin/ferndrop" "$sbin/ferndrop-setup"
