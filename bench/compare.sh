@@ -324,31 +324,14 @@ while [ $# -gt 0 ]; do
     --link-variants) variants=1 ;;
     --report) report="$2"; shift ;;
     --counts-only) counts_only=1 ;;
-    *) echo "usage: $0 [--quick] [--link-variants] [--report FILE]" >&2; exit 64 ;;
+    *) echo "usage: $0 [--quick] [--link-variants] [--counts-only] [--report FILE]" >&2; exit 64 ;;
   esac
   shift
 done
 [ "$(id -u)" = 0 ] || { echo "run as root (apt-get, mount namespace)" >&2; exit 1; }
 
-packages=(hyperfine procmail maildrop valgrind strace time dovecot-core sqlite3 jq util-linux gcc
-          cmake g++ make pkg-config libsqlite3-dev libtokyocabinet-dev libboost-dev)
-missing=()
-for p in "${packages[@]}"; do
-  dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q "install ok installed" || missing+=("$p")
-done
-if [ "${#missing[@]}" -gt 0 ]; then
-  echo "installing: ${missing[*]}"
-  export DEBIAN_FRONTEND=noninteractive
-  apt-get update -qq
-  # No service may start on the host: Dovecot runs only inside the sandbox.
-  printf '#!/bin/sh\nexit 101\n' > /usr/sbin/policy-rc.d.ferndrop-bench
-  chmod 755 /usr/sbin/policy-rc.d.ferndrop-bench
-  own_policy=0
-  [ -e /usr/sbin/policy-rc.d ] || { ln -s policy-rc.d.ferndrop-bench /usr/sbin/policy-rc.d; own_policy=1; }
-  apt-get install -y -qq --no-install-recommends "${missing[@]}" > /dev/null
-  [ "$own_policy" = 1 ] && rm -f /usr/sbin/policy-rc.d
-  rm -f /usr/sbin/policy-rc.d.ferndrop-bench
-fi
+# The peers and the measuring tools, beside what the build needs.
+"$repo/scripts/install-deps.sh" hyperfine procmail maildrop valgrind time jq
 
 build="${FERNDROP_BUILD_DIR:-$repo/build-bench}"
 echo "== building ferndrop (release) in $build"

@@ -1,6 +1,8 @@
 #!/usr/bin/env bash
 # Installs everything ferndrop's build, tests and demo need from Debian's
 # package repository. Idempotent: packages already present are not fetched.
+# Extra package names on the command line (the benchmarks' peers, say) are
+# installed the same way.
 set -euo pipefail
 
 packages=(
@@ -13,6 +15,7 @@ packages=(
   dovecot-core dovecot-imapd
   clang libclang-rt-14-dev
   postfix python3 iproute2 man-db
+  "$@"
 )
 
 missing=()
