@@ -75,6 +75,9 @@ TEST(ReliabilityLoadTest, FourStreamsToOneMailboxLoseAndInterleaveNothing) {
             ADD_FAILURE() << "delivery " << i << ": " << out;
     }
     EXPECT_EQ(failed, 0) << run.logDump();
+    // Not one run may have missed the shared database, not even while the
+    // first ones were creating it.
+    EXPECT_FALSE(run.loggedContaining("delivery database")) << run.logDump();
 
     std::set<int> inMaildir;
     int maildirFiles = 0;
