@@ -1,7 +1,8 @@
 // Injected system call failures over a whole delivery: for each of write,
 // fsync, rename, close, openat and read, every call that ferndrop's own
 // process makes is failed once (strace without -f follows only that process,
-// so handlers, programs and sendmail run undisturbed), and the delivery is then
+// so handlers, programs and sendmail run undisturbed; a long run of identical
+// calls is failed at its first and last), and the delivery is then
 // retried without faults as the transfer agent would. Whatever the failure hit,
 // the first run must end with a proper status, and after the retries every
 // store must hold exactly one complete copy with nothing partial and nothing
