@@ -49,14 +49,16 @@ class ReliabilityFaultsTest : public ::testing::TestWithParam<Fault> {
 
     RunResult traced(const std::vector<std::string> &options) {
         RunSpec spec;
-        spec.argv = {"/usr/bin/strace", "-o", trace};
+        // timeout kills its whole process group: strace and ferndrop with it,
+        // for a killed tracer would leave its tracee running on the host.
+        spec.argv = {"/usr/bin/timeout", "-s", "KILL", "8", "/usr/bin/strace", "-o", trace};
         spec.argv.insert(spec.argv.end(), options.begin(), options.end());
         spec.argv.push_back(ferndropBinary());
         for (const auto &a : job->args())
             spec.argv.push_back(a);
         spec.input = job->message();
         // A normal run takes well under a second; see killedByInjection.
-        spec.timeoutSeconds = 8;
+        spec.timeoutSeconds = 60;
         spec.waitForOrphans = true;
         return sb.run(spec);
     }
