@@ -11,6 +11,8 @@
 // per store. Short form: 30 kills; FERNDROP_LONG=1: 500.
 #include <gtest/gtest.h>
 
+#include <algorithm>
+#include <cctype>
 #include <map>
 #include <memory>
 #include <random>
