@@ -23,12 +23,37 @@ namespace {
 std::string stateDatabase;
 }  // namespace
 
+namespace {
+// The compiled-in state database and the files named after it (the one a
+// new database is built under) map to the scratch database.
+std::string redirected(const char *path) {
+    const std::string compiled = FERNDROP_STATE_DB;
+    if (stateDatabase.empty() || std::string(path).compare(0, compiled.size(), compiled) != 0)
+        return path;
+    return stateDatabase + (path + compiled.size());
+}
+
+template <typename F> F realFunction(const char *name) { return reinterpret_cast<F>(dlsym(RTLD_NEXT, name)); }
+}  // namespace
+
 extern "C" bool tchdbopen(TCHDB *hdb, const char *path, int omode) {
-    using Open = bool (*)(TCHDB *, const char *, int);
-    static Open real = reinterpret_cast<Open>(dlsym(RTLD_NEXT, "tchdbopen"));
-    if (!stateDatabase.empty() && std::string(path) == FERNDROP_STATE_DB)
-        path = stateDatabase.c_str();
-    return real(hdb, path, omode);
+    static auto real = realFunction<bool (*)(TCHDB *, const char *, int)>("tchdbopen");
+    return real(hdb, redirected(path).c_str(), omode);
+}
+
+extern "C" int stat(const char *path, struct stat *st) {
+    static auto real = realFunction<int (*)(const char *, struct stat *)>("stat");
+    return real(redirected(path).c_str(), st);
+}
+
+extern "C" int link(const char *from, const char *to) {
+    static auto real = realFunction<int (*)(const char *, const char *)>("link");
+    return real(redirected(from).c_str(), redirected(to).c_str());
+}
+
+extern "C" int unlink(const char *path) {
+    static auto real = realFunction<int (*)(const char *)>("unlink");
+    return real(redirected(path).c_str());
 }
 
 namespace {
