@@ -12,6 +12,7 @@ packages=(
   util-linux mount strace procps
   dovecot-core dovecot-imapd
   clang libclang-rt-14-dev
+  llvm-14
 )
 
 missing=()
