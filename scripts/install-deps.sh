@@ -11,8 +11,8 @@ packages=(
   googletest libgtest-dev
   util-linux mount strace procps
   dovecot-core dovecot-imapd
-  clang libclang-rt-14-dev
   llvm-14
+  clang libclang-rt-14-dev
 )
 
 missing=()
