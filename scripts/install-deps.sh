@@ -13,6 +13,7 @@ packages=(
   googletest libgtest-dev
   util-linux mount strace procps
   dovecot-core dovecot-imapd
+  llvm-14
   clang libclang-rt-14-dev
   postfix python3 iproute2 man-db
   "$@"

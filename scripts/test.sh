@@ -13,3 +13,4 @@ for flavour in release sanitize; do
   [ "$flavour" = sanitize ] && labels=(-LE release-only)
   ctest --test-dir "build/$flavour" --output-on-failure -j"$(nproc)" "${labels[@]}"
 done
+scripts/fuzz.sh  # each libFuzzer target for 15 s

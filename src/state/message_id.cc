@@ -6,7 +6,10 @@
 // separator is never read); logs nothing and throws nothing of its own; a
 // missing, unreadable or header-less file is simply "not found". Case mapping
 // and the space class are those of the classic C locale, so the key of one
-// message is the same whatever locale the process runs in.
+// message is the same whatever locale the process runs in. A value holding a
+// NUL byte is not usable: the database takes keys as C strings, so such a key
+// would be cut before the sender and recipient and the records of every
+// recipient of the message would meet under it.
 #include "state/message_id.h"
 
 #include <boost/algorithm/string.hpp>
@@ -35,7 +38,7 @@ bool readMessageId(const std::string &messagePath, const std::string &sender,
         boost::algorithm::trim_left(value, c);
         // A folded value leaves the header line blank; the continuation is
         // deliberately not joined, and no later Message-ID line is consulted.
-        if (value.empty())
+        if (value.empty() || value.find('\0') != std::string::npos)
             return false;
         key = value + " " + sender + " " + recipient;
         return true;

@@ -66,6 +66,20 @@ TEST_F(MessageIdTest, FirstMessageIdLineDecidesEvenWhenItsValueIsBlank) {
     EXPECT_FALSE(blank.found);
 }
 
+// Found by the message_id fuzz target: the key would be cut at the NUL byte
+// when stored, and recipients of the same message would share one record.
+TEST_F(MessageIdTest, ValueHoldingANulByteIsNotUsable) {
+    for (const std::string &value : {std::string("<a\0b@x>", 7), std::string("\0", 1), std::string("<a@x> \0", 7)}) {
+        KeyResult r = keyOf("Message-ID: " + value + "\nMessage-ID: <later@x>\n\n");
+        EXPECT_FALSE(r.found) << r.key.size();
+        EXPECT_EQ(r.key, "untouched");
+    }
+    // Elsewhere in the header a NUL byte is just another byte.
+    KeyResult other = keyOf(std::string("X-Junk: a\0b\nMessage-ID: <ok@x>\n\n", 32));
+    EXPECT_TRUE(other.found);
+    EXPECT_EQ(other.key, "<ok@x> Sender@Example.COM Box@Example.COM");
+}
+
 TEST_F(MessageIdTest, EmptyLineEndsTheHeaderButACarriageReturnLineDoesNot) {
     EXPECT_FALSE(keyOf("\nMessage-ID: <body@x>\n").found);
     EXPECT_FALSE(keyOf("Subject: s\n\nMessage-ID: <body@x>\n").found);
