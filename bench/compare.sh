@@ -287,6 +287,7 @@ EOF
   # Where ferndrop's own time goes: the call listing and the profile.
   run_row ferndrop 2K strace -f -tt -o "$out/trace.ferndrop" > /dev/null 2>&1 || true
   run_row ferndrop+lda 2K strace -f -tt -o "$out/trace.ferndrop+lda" > /dev/null 2>&1 || true
+  run_row lda 2K strace -f -tt -o "$out/trace.lda" > /dev/null 2>&1 || true
   for f in "$out"/cg.ferndrop.*; do
     callgrind_annotate --inclusive=yes "$f" 2>/dev/null | head -60 > "$out/profile.ferndrop" || true
   done
