@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 
+#include "../registry_schema.h"
 #include "sandbox.h"
 
 namespace {
@@ -99,11 +100,7 @@ TEST_F(DriverTest, SpoolFileHoldsTheExactInputPrivately) {
              "#!/bin/sh\nstat -L -c %a /proc/self/fd/0 > " + keep + "/mode\ncat > " + keep +
                  "/bytes\necho SKIP >&2\n",
              0755);
-    std::string sql =
-        "CREATE TABLE handlers (queue INTEGER, type INTEGER, enabled BOOLEAN, priority INTEGER, name VARCHAR(255) "
-        "NOT NULL, address VARCHAR(2048) NOT NULL, executable VARCHAR(2048) NOT NULL, context VARCHAR(2048) NOT "
-        "NULL, protected BOOLEAN NOT NULL default 0);"
-        "INSERT INTO handlers VALUES(2,4,1,0,'keep','all','/usr/local/qrn/handlers/bin/keep','',0);";
+    std::string sql = kRegistrySchema + insertSql({2, 4, 1, 0, "keep", "all", "/usr/local/qrn/handlers/bin/keep", ""});
     ASSERT_EQ(system(("sqlite3 " + sb.host("/var/lib/kavra/mail/handlers/handlers.db") + " \"" + sql + "\"").c_str()), 0);
 
     std::string binary;

@@ -7,6 +7,7 @@
 #include <cstdlib>
 #include <sstream>
 
+#include "../registry_schema.h"
 #include "sandbox.h"
 
 namespace {
@@ -16,14 +17,6 @@ const std::string kSpoolDir = "/usr/local/qrn/handlers/spool";
 const std::string kSender = "sender@from.org";
 const std::string kRecipient = "alice@example.com";
 const std::string kMessage = "Subject: handlers\n\nbody\n";
-const std::string kCreationScript =
-    "BEGIN TRANSACTION;CREATE TABLE handlers (queue INTEGER, type INTEGER, enabled BOOLEAN, priority INTEGER, "
-    "name VARCHAR(255) NOT NULL, address VARCHAR(2048) NOT NULL, executable VARCHAR(2048) NOT NULL, context "
-    "VARCHAR(2048) NOT NULL, protected BOOLEAN NOT NULL default 0, CONSTRAINT uniq_entries_constaraint PRIMARY KEY "
-    "(queue, type, name, address, executable, context));CREATE INDEX idx1 ON handlers(queue, type, enabled, "
-    "address);CREATE INDEX idx2 ON handlers(queue, type, enabled, address, priority);CREATE INDEX idx3 ON "
-    "handlers(name, queue, type, address);CREATE INDEX idx4 ON handlers(name, queue, type);COMMIT;";
-
 enum { SENDER = 0, RECIPIENT = 1, SENDER_DOMAIN = 2, RECIPIENT_DOMAIN = 3, GLOBAL = 4 };
 
 class HandlersTest : public ::testing::Test {
@@ -34,7 +27,7 @@ class HandlersTest : public ::testing::Test {
         // The message as delivery finally sees it.
         sb.write(box + "/.qmail", "|cat > delivered\n");
         sb.mkdirs(root + "/handlers");
-        sql(kCreationScript);
+        sql(kRegistrySchema);
     }
 
     // Runs SQL on the registry with the sqlite3 program, on the host side.
@@ -54,11 +47,7 @@ class HandlersTest : public ::testing::Test {
 
     void add(int type, const std::string &address, const std::string &name, const std::string &path,
              int priority = 0, int queue = 2, int enabled = 1, const std::string &context = "ctx") {
-        std::ostringstream s;
-        s << "INSERT INTO handlers (queue, type, enabled, priority, name, address, executable, context) VALUES ("
-          << queue << "," << type << "," << enabled << "," << priority << ",'" << name << "','" << address << "','"
-          << path << "','" << context << "');";
-        sql(s.str());
+        sql(insertSql({queue, type, enabled, priority, name, address, path, context}));
     }
 
     // A handler that notes its name in the calls file and passes the message
@@ -115,6 +104,16 @@ TEST_F(HandlersTest, HandlerSeesProtocolArgumentsEnvironmentAndMessage) {
     EXPECT_EQ(delivered(), kMessage);
 }
 
+// A SKIP keeps the message as it was, whatever the handler wrote; "SKIP "
+// with a blank is no verdict, so the handler passes its output on.
+TEST_F(HandlersTest, SkipKeepsTheMessageSkipWithABlankPasses) {
+    add(RECIPIENT, kRecipient, "skip", handler("skip", "echo garbage\necho SKIP >&2\n"), 1);
+    add(RECIPIENT, kRecipient, "blank", handler("blank", "echo 'X-Blank: 1'\ncat\necho 'SKIP ' >&2\n"), 2);
+    RunResult r = deliver();
+    EXPECT_EQ(r.status, 0) << r.logDump();
+    EXPECT_EQ(delivered(), "X-Blank: 1\n" + kMessage);
+}
+
 TEST_F(HandlersTest, StopDiscardsTheMessageQuietly) {
     add(SENDER, kSender, "stopper", handler("stopper", "echo garbage\necho 'STOP spam' >&2\n"));
     add(GLOBAL, "all", "later", stamping("later"));
@@ -149,13 +148,16 @@ TEST_F(HandlersTest, DeferAndRejectReachTheTransferAgent) {
 }
 
 TEST_F(HandlersTest, BrokenHandlersAreLoggedAndTheNextOneRuns) {
-    add(RECIPIENT, kRecipient, "exits3", handler("exits3", "echo 'LOG  exits3 speaking' >&2\nexit 3\n"), 1);
+    // Whatever a broken handler wrote is not taken as the message.
+    add(RECIPIENT, kRecipient, "exits3", handler("exits3", "echo partial\necho 'LOG  exits3 speaking' >&2\nexit 3\n"),
+        1);
     add(RECIPIENT, kRecipient, "plainfile", handler("plainfile", "exit 0\n", 0644), 2);
-    add(RECIPIENT, kRecipient, "killed", handler("killed", "echo STOP >&2\nkill -9 $$\n"), 3);
-    add(RECIPIENT, kRecipient, "good", stamping("good"), 4);
+    add(RECIPIENT, kRecipient, "missing", root + "/handlers/missing", 3);
+    add(RECIPIENT, kRecipient, "killed", handler("killed", "echo partial\necho STOP >&2\nkill -9 $$\n"), 4);
+    add(RECIPIENT, kRecipient, "good", stamping("good"), 5);
     RunResult r = deliver();
     EXPECT_EQ(r.status, 0) << r.logDump();
-    for (const char *name : {"exits3", "plainfile", "killed"})
+    for (const char *name : {"exits3", "plainfile", "missing", "killed"})
         EXPECT_TRUE(r.logged(3, std::string("Error during '") + name + "' handler")) << name << r.logDump();
     EXPECT_TRUE(r.logged(3, "  exits3 speaking"));
     EXPECT_TRUE(r.loggedContaining(" killed by signal 9"));

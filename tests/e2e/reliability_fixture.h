@@ -14,6 +14,7 @@
 #include <string>
 #include <vector>
 
+#include "../registry_schema.h"
 #include "sandbox.h"
 
 namespace reliability {
@@ -23,14 +24,6 @@ const std::string kStateDb = "/var/lib/kavra/mail/local/local.db";
 const std::string kSpoolDir = "/usr/local/qrn/handlers/spool";
 const std::string kSender = "sender@example.org";
 const std::string kRecipient = "alice@example.com";
-const std::string kCreationScript =
-    "BEGIN TRANSACTION;CREATE TABLE handlers (queue INTEGER, type INTEGER, enabled BOOLEAN, priority INTEGER, "
-    "name VARCHAR(255) NOT NULL, address VARCHAR(2048) NOT NULL, executable VARCHAR(2048) NOT NULL, context "
-    "VARCHAR(2048) NOT NULL, protected BOOLEAN NOT NULL default 0, CONSTRAINT uniq_entries_constaraint PRIMARY KEY "
-    "(queue, type, name, address, executable, context));CREATE INDEX idx1 ON handlers(queue, type, enabled, "
-    "address);CREATE INDEX idx2 ON handlers(queue, type, enabled, address, priority);CREATE INDEX idx3 ON "
-    "handlers(name, queue, type, address);CREATE INDEX idx4 ON handlers(name, queue, type);COMMIT;";
-
 // Runs a command on the host and returns its standard output.
 inline std::string hostOutput(const std::string &command, int *status = nullptr) {
     std::string out;
@@ -97,13 +90,9 @@ class WholeJob {
                                                       "'\nexec cat\n",
                   0755);
         sb_.write(sb_.root() + "/handlers/reader", "#!/bin/sh\ncat > /dev/null\nprintf 'SKIP\\n' >&2\n", 0755);
-        std::string sql = kCreationScript +
-                          "INSERT INTO handlers (queue, type, enabled, priority, name, address, executable, context) "
-                          "VALUES (2, 3, 1, 20, 'stamp', 'example.com', '" +
-                          sb_.root() + "/handlers/stamp', 'ctx');"
-                          "INSERT INTO handlers (queue, type, enabled, priority, name, address, executable, context) "
-                          "VALUES (2, 4, 1, 10, 'reader', 'all', '" +
-                          sb_.root() + "/handlers/reader', 'ctx');";
+        std::string sql = kRegistrySchema +
+                          insertSql({2, 3, 1, 20, "stamp", "example.com", sb_.root() + "/handlers/stamp"}) +
+                          insertSql({2, 4, 1, 10, "reader", "all", sb_.root() + "/handlers/reader"});
         sb_.write(sb_.root() + "/registry.sql", sql);
         std::string cmd = "sqlite3 '" + sb_.host(kRegistry) + "' < '" + sb_.root() + "/registry.sql'";
         if (system(cmd.c_str()) != 0)

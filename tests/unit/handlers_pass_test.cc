@@ -1,7 +1,8 @@
-// The handler pass over a spool file: which handlers run, with which
-// arguments, in which order, what their verdicts do to the message and to
-// the pass, and that no temporary file outlives a run. Handlers are /bin/sh
-// scripts registered in a scratch registry.
+// The handler pass over a spool file, where the command line cannot reach:
+// several recipients, hand-made records, files that fail, the outcome list,
+// and a takeover that keeps a foreign owner. (Run order, verdicts and broken
+// handlers are shown end to end.) Handlers are /bin/sh scripts registered in
+// a scratch registry.
 #include <gtest/gtest.h>
 
 #include <sys/stat.h>
@@ -56,93 +57,25 @@ class PassTest : public ::testing::Test {
     LogCapture log;
 };
 
-TEST_F(PassTest, NoHandlerLeavesTheMessageAlone) {
-    struct stat before, after;
-    ASSERT_EQ(stat(spool.c_str(), &before), 0);
-    EXPECT_EQ(pass(), DS_OK);
-    ASSERT_EQ(stat(spool.c_str(), &after), 0);
-    EXPECT_EQ(before.st_ino, after.st_ino);
-    EXPECT_EQ(readFile(spool), kMessage);
-    EXPECT_EQ(spoolFiles(), (std::vector<std::string>{"messageAbC123"}));
-}
-
-TEST_F(PassTest, EachHandlerReadsTheMessageAsTheLastPassLeftIt) {
-    std::string seen = reg.dir() / "second-saw";
-    addRecipientHandler("first", 1, "sed 's/^Subject: /Subject: [first] /'\n");
-    addRecipientHandler("second", 2, "cat > " + seen + "\necho 'X-Second: yes'\ncat " + seen + "\n");
-    addRecipientHandler("skipper", 3, "echo 'garbage'\necho SKIP >&2\n");
-    addRecipientHandler("errant", 4, "echo 'more garbage'\nexit 1\n");
-    EXPECT_EQ(pass(), DS_OK);
-    EXPECT_EQ(readFile(seen), "Subject: [first] hello\n\nbody\n");
-    EXPECT_EQ(readFile(spool), "X-Second: yes\nSubject: [first] hello\n\nbody\n");
-    EXPECT_EQ(spoolFiles(), (std::vector<std::string>{"messageAbC123"}));
-    EXPECT_TRUE(log.contains(7, "PASS during call 'first' handler")) << log.dump();
-    EXPECT_TRUE(log.contains(7, "SKIP during call 'skipper' handler"));
-    EXPECT_TRUE(log.contains(3, "Error during 'errant' handler"));
-}
-
 TEST_F(PassTest, PassingWithoutOutputLeavesAnEmptyMessage) {
     addRecipientHandler("silent", 1, "exit 0\n");
     EXPECT_EQ(pass(), DS_OK);
     EXPECT_EQ(readFile(spool), "");
 }
 
-TEST_F(PassTest, StoppingVerdictsEndThePass) {
-    struct Case {
-        std::string line;
-        int status;
-        std::string debug;
-    };
-    const Case cases[] = {{"STOP", DS_DISCARDED, "STOP during call 'h1' handler"},
-                          {"DEFER 4.2.2", DS_CONGESTED, "DEFER during call 'h1' handler"},
-                          {"REJECT 5.7.1", DS_REJECTED, "REJECT during call 'h1' handler"}};
-    for (const Case &c : cases) {
-        ScratchRegistry local;
-        std::string marker = local.dir() / "h2-ran";
-        std::string h1 = local.dir() / "h1", h2 = local.dir() / "h2";
-        writeFile(h1, "#!/bin/sh\necho replaced\necho '" + c.line + "' >&2\n", 0755);
-        writeFile(h2, "#!/bin/sh\ntouch " + marker + "\n", 0755);
-        local.add({2, MH_TYPE_SENDER, 1, 0, "h1", kSender, h1});
-        local.add({2, MH_TYPE_GLOBAL, 1, 0, "h2", "all", h2});
-        EXPECT_EQ(pass(), c.status) << c.line;
-        EXPECT_TRUE(log.contains(7, c.debug)) << log.dump();
-        EXPECT_FALSE(fileExists(marker)) << c.line;
-        EXPECT_EQ(readFile(spool), kMessage);
-        EXPECT_EQ(spoolFiles(), (std::vector<std::string>{"messageAbC123"}));
-    }
-}
-
-TEST_F(PassTest, BrokenHandlersAreLoggedAndTheNextOneRuns) {
-    addRecipientHandler("exits1", 1, "echo partial\nexit 1\n");
-    reg.add({2, MH_TYPE_RECIPIENT, 1, 2, "notexec", kRecipient, reg.dir() / "notexec"});
-    writeFile(reg.dir() / "notexec", "#!/bin/sh\nexit 0\n", 0644);
-    reg.add({2, MH_TYPE_RECIPIENT, 1, 3, "missing", kRecipient, reg.dir() / "missing"});
-    addRecipientHandler("killed", 4, "echo STOP >&2\nkill -9 $$\n");
-    addRecipientHandler("good", 5, "echo 'X-Good: 1'\ncat\n");
-    EXPECT_EQ(pass(), DS_OK);
-    for (const char *name : {"exits1", "notexec", "missing", "killed"})
-        EXPECT_TRUE(log.contains(3, std::string("Error during '") + name + "' handler")) << name << log.dump();
-    EXPECT_EQ(readFile(spool), std::string("X-Good: 1\n") + kMessage);
-    EXPECT_EQ(spoolFiles(), (std::vector<std::string>{"messageAbC123"}));
-}
-
-TEST_F(PassTest, GlobalHandlersRunOnceForAllRecipientsOrOncePerRecipient) {
+TEST_F(PassTest, EachRecordRunsOncePerRecipientItAppliesToOrOnceForAll) {
     reg.add({2, MH_TYPE_GLOBAL, 1, 0, "everyone", "all-recipients", handler("everyone", recordArgs("everyone")),
              "ctx-e"});
     reg.add({2, MH_TYPE_GLOBAL, 1, 0, "each", "all", handler("each", recordArgs("each")), "ctx-a"});
     reg.add({2, MH_TYPE_SENDER, 1, 0, "sender", kSender, handler("sender", recordArgs("sender")), "ctx-s"});
+    reg.add({2, MH_TYPE_RECIPIENT, 1, 0, "r2", "r2@c.org", handler("r2", recordArgs("r2")), "c2"});
     EXPECT_EQ(pass({"r1@b.org", "r2@c.org"}), DS_OK);
     EXPECT_EQ(calls(), "sender: ctx-s s@a.org r1@b.org\n"
                        "sender: ctx-s s@a.org r2@c.org\n"
+                       "r2: c2 s@a.org r2@c.org\n"
                        "everyone: ctx-e s@a.org r1@b.org r2@c.org\n"
                        "each: ctx-a s@a.org r1@b.org\n"
                        "each: ctx-a s@a.org r2@c.org\n");
-}
-
-TEST_F(PassTest, RecipientRecordsRunForTheirOwnAddress) {
-    reg.add({2, MH_TYPE_RECIPIENT, 1, 0, "r2", "r2@c.org", handler("r2", recordArgs("r2")), "c2"});
-    EXPECT_EQ(pass({"r1@b.org", "r2@c.org"}), DS_OK);
-    EXPECT_EQ(calls(), "r2: c2 s@a.org r2@c.org\n");
 }
 
 // Records built by hand, run without the registry.
@@ -266,17 +199,6 @@ TEST_F(PassTest, OutcomesAreKeptInRunOrder) {
     EXPECT_EQ(seen, (std::vector<std::string>{"one=0:first data", "two=5:-", "three=255:-", "four=2:why"}));
     mh_outcome_list_free(&outcomes);
     EXPECT_TRUE(outcomes.outcomes.empty());
-}
-
-TEST_F(PassTest, RegistryThatCannotBeUsedFailsThePass) {
-    std::string missing = reg.dir() / "nowhere/handlers.db";
-    mh_set_db_path(missing.c_str());
-    EXPECT_EQ(pass(), -1);
-    EXPECT_TRUE(log.contains(3, "Unable to get full handlers list")) << log.dump();
-
-    ScratchRegistry tableless(false);
-    EXPECT_EQ(pass(), DS_OK);
-    EXPECT_EQ(readFile(spool), kMessage);
 }
 
 }  // namespace
