@@ -1,5 +1,6 @@
 // The whole job through the real binary: .qmail instructions carried out line
-// by line, and the delivery state that keeps a retry from repeating them.
+// by line, forwards and the environment they run in, and the delivery state
+// that keeps a retry from repeating them.
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 
@@ -105,15 +106,12 @@ TEST_F(WholeJobTest, LineGrammarThroughRealRuns) {
           "|   cat > piped.out   \n"
           "./Maildir/\n"
           "./mbox\n" +
-          absMbox + "\n");
+          absMbox);  // the last line needs no line feed
     RunResult r = deliver();
     EXPECT_EQ(r.status, 0) << r.logDump() << r.err;
     auto calls = sb.calls("sendmail");
     ASSERT_EQ(calls.size(), 3u);
-    auto argvOf = [&](size_t i) {
-        std::string a = Sandbox::slurpHost(calls[i] + "/argv");
-        return a;
-    };
+    auto argvOf = [&](size_t i) { return Sandbox::slurpHost(calls[i] + "/argv"); };
     EXPECT_EQ(argvOf(0), "-i\n-bm\n-f\n" + kSender + "\n  spaced@example.net\n");
     EXPECT_EQ(argvOf(1), "-i\n-bm\n-f\n" + kSender + "\nplain@example.net\n");
     EXPECT_EQ(argvOf(2), "-i\n-bm\n-f\n" + kSender + "\ndir/\n");
@@ -122,16 +120,6 @@ TEST_F(WholeJobTest, LineGrammarThroughRealRuns) {
     EXPECT_EQ(newMail().size(), 1u);
     EXPECT_EQ(sb.read(box + "/mbox"), kMessage + "\n");
     EXPECT_EQ(Sandbox::slurpHost(absMbox), kMessage + "\n");
-}
-
-TEST_F(WholeJobTest, WritableQmailIsRefused) {
-    qmail("./Maildir/\n", 0664);
-    RunResult r = deliver();
-    EXPECT_EQ(r.status, 75);
-    EXPECT_EQ(r.out, "4.2.1 Message can not be delivered at this time\n");
-    EXPECT_TRUE(r.logged(3, "File .qmail is writable for group or others\n")) << r.logDump();
-    EXPECT_TRUE(r.logged(3, "Wrong permissions for .qmail"));
-    EXPECT_TRUE(newMail().empty());
 }
 
 TEST_F(WholeJobTest, ExecuteBitBlocksStoringLinesButNotForwards) {
@@ -144,32 +132,58 @@ TEST_F(WholeJobTest, ExecuteBitBlocksStoringLinesButNotForwards) {
     EXPECT_EQ(record(), "&bob@example.net\n");
 }
 
+// The program defers once, after the maildir line was served, then exits 99:
+// the rest is skipped, and the record left by the first run goes.
 TEST_F(WholeJobTest, ExitNinetyNineSkipsTheRestAndSucceeds) {
-    qmail("./Maildir/\n|exit 99\n./mbox\n");
+    qmail("./Maildir/\n|test -f go || exit 75; exit 99\n./mbox\n");
+    EXPECT_EQ(deliver().status, 75);
+    EXPECT_EQ(record(), "./Maildir/\n");
+    sb.write(box + "/go", "");
     RunResult r = deliver();
-    EXPECT_EQ(r.status, 0);
+    EXPECT_EQ(r.status, 0) << r.logDump();
     EXPECT_EQ(newMail().size(), 1u);
     EXPECT_FALSE(sb.exists(box + "/mbox"));
     EXPECT_EQ(record(), "<none>");
 }
 
-TEST_F(WholeJobTest, ProgramResultsReachTheExitTable) {
-    struct Case {
-        int code, status;
-        std::string text;
-    } cases[] = {
-        {0, 0, ""},
-        {77, 77, "5.7.1 Mail quota exceeded\n"},
-        {100, 71, "5.7.1 Message can't be delivered\n"},
-        {65, 71, "5.7.1 Message can't be delivered\n"},
-        {1, 75, "4.2.1 Message can not be delivered at this time\n"},
-    };
-    for (const auto &c : cases) {
-        qmail("|exit " + std::to_string(c.code) + "\n");
-        RunResult r = deliver("Subject: no id\n\n");
-        EXPECT_EQ(r.status, c.status) << c.code;
-        EXPECT_EQ(r.out, c.text) << c.code;
-    }
+TEST_F(WholeJobTest, SenderEmailVariableHoldsTheRecipientOnlyDuringTheForward) {
+    qmail("|echo \"[${QX_SENDER_EMAIL-unset}]\" > before\n"
+          "&\n"
+          "|echo \"[${QX_SENDER_EMAIL-unset}]\" > after\n");
+    RunResult r = sb.ferndrop({"-f", kSender, "-d", kRecipient, "-p", sb.mailnames()}, kMessage,
+                              {"QX_SENDER_EMAIL=preset@example.org"});
+    EXPECT_EQ(r.status, 0) << r.logDump() << r.err;
+    EXPECT_EQ(sb.read(box + "/before"), "[preset@example.org]\n");
+    auto calls = sb.calls("sendmail");
+    ASSERT_EQ(calls.size(), 1u);
+    // A bare "&" lets sendmail take the recipients from the header.
+    EXPECT_EQ(Sandbox::slurpHost(calls[0] + "/argv"), "-i\n-bm\n-f\n" + kSender + "\n-t\n");
+    std::string env = Sandbox::slurpHost(calls[0] + "/env");
+    EXPECT_NE(env.find("QX_SENDER_EMAIL=" + kRecipient + "\n"), std::string::npos) << env;
+    EXPECT_EQ(env.find("preset@example.org"), std::string::npos) << env;
+    EXPECT_EQ(Sandbox::slurpHost(calls[0] + "/stdin"), kMessage);
+    // Removed after the forward, not restored to the inherited value.
+    EXPECT_EQ(sb.read(box + "/after"), "[unset]\n");
+}
+
+TEST_F(WholeJobTest, FailedForwardIsRetriedWithoutRepeatingEarlierLines) {
+    sb.installSendmailRecorder(75);
+    qmail("./mbox\n&bob@example.net\n./Maildir/\n");
+    RunResult first = deliver();
+    EXPECT_EQ(first.status, 75);
+    EXPECT_EQ(first.out, "4.2.1 Message can not be delivered at this time\n");
+    EXPECT_TRUE(first.logged(3, "Unable to forward original message. sendmail status: 75")) << first.logDump();
+    EXPECT_TRUE(first.logged(3, "Unable to send mail for: bob@example.net\n")) << first.logDump();
+    EXPECT_EQ(record(), "./mbox\n");
+    EXPECT_TRUE(newMail().empty());
+
+    sb.installSendmailRecorder(0);
+    RunResult second = deliver();
+    EXPECT_EQ(second.status, 0) << second.logDump();
+    EXPECT_EQ(sb.calls("sendmail").size(), 2u);
+    EXPECT_EQ(sb.read(box + "/mbox"), kMessage + "\n");
+    EXPECT_EQ(newMail().size(), 1u);
+    EXPECT_EQ(record(), "<none>");
 }
 
 }  // namespace

@@ -21,9 +21,7 @@
 namespace {
 // When set, the compiled-in state database is replaced by this file.
 std::string stateDatabase;
-}  // namespace
 
-namespace {
 // The compiled-in state database and the files named after it (the one a
 // new database is built under) map to the scratch database.
 std::string redirected(const char *path) {
@@ -179,57 +177,6 @@ TEST_F(ProcessQmailFileTest, NoInstructionFileMeansInboxDeliveryWithoutLogging) 
     EXPECT_FALSE(fileExists(stateDatabase));
 }
 
-TEST_F(ProcessQmailFileTest, WritableByOthersIsRefusedWithTwoLogLines) {
-    for (unsigned mode : {0664u, 0646u}) {
-        LogCapture log;
-        EXPECT_EQ(run("./mbox\n", mode), -1);
-        ASSERT_EQ(log.lines().size(), 2u) << log.dump();
-        EXPECT_EQ(log.lines()[0].text, "File .qmail is writable for group or others\n");
-        EXPECT_EQ(log.lines()[1].priority, 3);
-        EXPECT_EQ(log.lines()[1].text, "Wrong permissions for .qmail");
-        EXPECT_FALSE(fileExists(dir / "mbox"));
-    }
-}
-
-TEST_F(ProcessQmailFileTest, AllKindsDeliveredInOrderAndNoRecordRemains) {
-    EXPECT_EQ(run("# deliveries\n"
-                  "|echo first >> trace; test -s mbox || echo mbox-not-yet >> trace\n"
-                  "./mbox   # local copy\n"
-                  "\n"
-                  "./Maildir/\n"
-                  "   \n"
-                  "| cat > piped ; echo last >> trace"),  // no final newline
-              0);
-    EXPECT_EQ(readFile(dir / "trace"), "first\nmbox-not-yet\nlast\n");
-    EXPECT_NE(readFile(dir / "mbox").find("body line\n"), std::string::npos);
-    EXPECT_EQ(listDir(dir / "Maildir/new").size(), 1u);
-    EXPECT_EQ(readFile(dir / "piped"), readFile(message));
-    EXPECT_TRUE(fileExists(stateDatabase));
-    EXPECT_EQ(record(), std::nullopt);
-}
-
-TEST_F(ProcessQmailFileTest, FailureStoresCarriedOutLinesAndRetryResumesThere) {
-    const std::string qmail = "  |echo one >> trace  \n"
-                              "# comment\n"
-                              "./mbox\n"
-                              "\t\n"
-                              "|test -f go || exit 111; echo three >> trace\n"
-                              "./Maildir/\n";
-    EXPECT_EQ(run(qmail), 111);
-    EXPECT_EQ(readFile(dir / "trace"), "one\n");
-    // Comment and blank lines count as carried out; the failing line does not.
-    EXPECT_EQ(record(), std::optional<std::string>("\n# comment\n./mbox\n|echo one >> trace"));
-    EXPECT_TRUE(listDir(dir / "Maildir/new").empty());
-
-    writeFile(dir / "go", "");
-    EXPECT_EQ(run(qmail), 0);
-    EXPECT_EQ(readFile(dir / "trace"), "one\nthree\n");
-    std::string mbox = readFile(dir / "mbox");
-    EXPECT_EQ(mbox.find("body line"), mbox.rfind("body line")) << "mbox delivered twice";
-    EXPECT_EQ(listDir(dir / "Maildir/new").size(), 1u);
-    EXPECT_EQ(record(), std::nullopt);
-}
-
 TEST_F(ProcessQmailFileTest, FailingMaildirOrMboxIsTemporaryAndOtherResultsPassThrough) {
     EXPECT_EQ(run("./missing/\n"), 111);
     EXPECT_EQ(record(), std::nullopt);
@@ -238,18 +185,6 @@ TEST_F(ProcessQmailFileTest, FailingMaildirOrMboxIsTemporaryAndOtherResultsPassT
     EXPECT_EQ(run("|exit 100\n./mbox\n"), 100);
     EXPECT_FALSE(fileExists(dir / "mbox"));
     // Nothing was marked by any of these, so nothing was stored.
-    EXPECT_EQ(record(), std::nullopt);
-}
-
-TEST_F(ProcessQmailFileTest, ExitNinetyNineEndsWithSuccessAndRemovesTheRecord) {
-    const std::string qmail = "./mbox\n|test -f go || exit 75; exit 99\n|echo after >> trace\n./Maildir/\n";
-    EXPECT_EQ(run(qmail), 111);
-    EXPECT_EQ(record(), std::optional<std::string>("./mbox"));
-
-    writeFile(dir / "go", "");
-    EXPECT_EQ(run(qmail), 0);
-    EXPECT_FALSE(fileExists(dir / "trace"));
-    EXPECT_TRUE(listDir(dir / "Maildir/new").empty());
     EXPECT_EQ(record(), std::nullopt);
 }
 
@@ -275,18 +210,6 @@ TEST_F(ProcessQmailFileTest, LongLinesAreReadWhole) {
     EXPECT_EQ(run("|echo long >> trace" + padding + "# " + std::string(50000, 'c') + "\n./mbox\n"), 0);
     EXPECT_EQ(readFile(dir / "trace"), "long\n");
     EXPECT_TRUE(fileExists(dir / "mbox"));
-}
-
-TEST_F(ProcessQmailFileTest, WithoutMessageIdEveryLineRunsAndNothingIsStored) {
-    writeFile(message, "Subject: none\n\nbody line\n", 0600);
-    LogCapture log;
-    EXPECT_EQ(run("|echo x >> trace\n|echo x >> trace\n|exit 111\n"), 111);
-    // Duplicates are not suppressed without delivery state.
-    EXPECT_EQ(readFile(dir / "trace"), "x\nx\n");
-    EXPECT_FALSE(fileExists(stateDatabase));
-    EXPECT_TRUE(log.contains(
-        4, "deliveryManager: Get empty message id, delivery state will be disabled for this mail"))
-        << log.dump();
 }
 
 TEST_F(ProcessQmailFileTest, ReadErrorIsLocalErrorAndKeepsTheRecord) {
