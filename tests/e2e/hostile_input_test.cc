@@ -138,6 +138,8 @@ TEST_F(HostileInputTest, RecipientsCannotLeaveTheMailnamesTree) {
              Case{"../u@d", "bad entry ../u (contains /)"},
              Case{"..@..", "bad entry .. (is . or ..)"},
              Case{".@d", "bad entry . (is . or ..)"},
+             Case{"nobody@d", "cannot chdir to mailname dir nobody: No such file or directory"},
+             Case{"u@", "cannot chdir to domain dir : No such file or directory"},
          }) {
         SCOPED_TRACE(c.recipient);
         RunResult r = deliver(c.recipient, "Message-ID: <climb@example.org>\n\nbody\n");
