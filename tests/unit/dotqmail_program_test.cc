@@ -5,45 +5,12 @@
 
 #include <climits>
 #include <cstdlib>
-#include <fcntl.h>
 #include <unistd.h>
 
 #include "dotqmail/deliveries.h"
 #include "test_support.h"
 
 namespace {
-
-// Points descriptors 1 and 2 at files while the object lives.
-class OutputCapture {
-  public:
-    OutputCapture(const std::string &outPath, const std::string &errPath) : outPath_(outPath), errPath_(errPath) {
-        fflush(nullptr);
-        savedOut_ = dup(1);
-        savedErr_ = dup(2);
-        redirect(outPath, 1);
-        redirect(errPath, 2);
-    }
-    ~OutputCapture() { restore(); }
-    void restore() {
-        if (savedOut_ < 0)
-            return;
-        fflush(nullptr);
-        dup2(savedOut_, 1);
-        dup2(savedErr_, 2);
-        close(savedOut_);
-        close(savedErr_);
-        savedOut_ = savedErr_ = -1;
-    }
-
-  private:
-    static void redirect(const std::string &path, int target) {
-        int fd = open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
-        dup2(fd, target);
-        close(fd);
-    }
-    std::string outPath_, errPath_;
-    int savedOut_ = -1, savedErr_ = -1;
-};
 
 class ProgramTest : public ::testing::Test {
   protected:
@@ -89,12 +56,12 @@ TEST_F(ProgramTest, CommandReadsWholeMessageFromFirstByte) {
 }
 
 TEST_F(ProgramTest, StandardOutputDiscardedStandardErrorKept) {
-    OutputCapture capture(dir / "our-stdout", dir / "our-stderr");
+    testing::internal::CaptureStdout();
+    testing::internal::CaptureStderr();
     int rc = run("echo to-stdout; echo to-stderr >&2; cat");
-    capture.restore();
+    EXPECT_EQ(testing::internal::GetCapturedStdout(), "");
+    EXPECT_EQ(testing::internal::GetCapturedStderr(), "to-stderr\n");
     EXPECT_EQ(rc, 0);
-    EXPECT_EQ(readFile(dir / "our-stdout"), "");
-    EXPECT_EQ(readFile(dir / "our-stderr"), "to-stderr\n");
 }
 
 TEST_F(ProgramTest, RunsInTheGivenDirectory) {
