@@ -14,7 +14,6 @@
 #include <algorithm>
 #include <cctype>
 #include <map>
-#include <memory>
 #include <random>
 #include <set>
 #include <sstream>
@@ -43,28 +42,8 @@ std::vector<std::string> syscallSequence(const std::string &trace) {
 
 bool startsWith(const std::string &s, const std::string &prefix) { return s.rfind(prefix, 0) == 0; }
 
-class ReliabilityCrashTest : public ::testing::Test {
+class ReliabilityCrashTest : public TracedJobTest<::testing::Test> {
   protected:
-    void SetUp() override {
-        if (!releaseBuild())
-            GTEST_SKIP() << "the kill points come from the release binary's system calls";
-        job = std::make_unique<WholeJob>(sb);
-    }
-
-    RunResult traced(const std::vector<std::string> &options) {
-        RunSpec spec;
-        spec.argv = {"/usr/bin/strace"};
-        spec.argv.insert(spec.argv.end(), options.begin(), options.end());
-        spec.argv.push_back(ferndropBinary());
-        for (const auto &a : job->args())
-            spec.argv.push_back(a);
-        spec.input = job->message();
-        // Handlers, the program and sendmail outlive a killed ferndrop; let
-        // them finish before the stores are looked at.
-        spec.waitForOrphans = true;
-        return sb.run(spec);
-    }
-
     // Files the state database directory holds besides the database.
     int stateLeftovers() {
         int n = 0;
@@ -72,9 +51,6 @@ class ReliabilityCrashTest : public ::testing::Test {
             n += name != "local.db";
         return n;
     }
-
-    Sandbox sb;
-    std::unique_ptr<WholeJob> job;
 };
 
 TEST_F(ReliabilityCrashTest, KilledAtRandomPointsThenRetriedNeverShowsAPartialCopy) {
@@ -84,16 +60,13 @@ TEST_F(ReliabilityCrashTest, KilledAtRandomPointsThenRetriedNeverShowsAPartialCo
     const std::string trace = sb.root() + "/trace";
 
     job->reset();
-    RunResult clean = traced({"-o", trace});
+    RunResult clean = job->traced({"/usr/bin/strace", "-o", trace});
     ASSERT_EQ(clean.status, 0) << clean.logDump() << clean.err;
     const std::vector<std::string> calls = syscallSequence(Sandbox::slurpHost(trace));
     ASSERT_GT(calls.size(), 100u);
     ASSERT_EQ(job->inventory().describe(),
               "maildir=1 maildirTmp=0 mbox=1 program=1 sendmail=1 spool=0 spoolTmp=0 unchanged=0");
 
-    const std::string key = "<fault.1@example.org> " + kSender + " " + kRecipient;
-    const char *const lines[] = {"&bob@example.net", "|f=$(mktemp program.XXXXXX) && cat > \"$f\"", "./Maildir/",
-                                 "./mbox"};
     std::mt19937 rng(seed);
     std::uniform_int_distribution<size_t> pick(0, calls.size() - 1);
     int killed = 0, missed = 0, retries = 0, stateFiles = 0;
@@ -111,8 +84,8 @@ TEST_F(ReliabilityCrashTest, KilledAtRandomPointsThenRetriedNeverShowsAPartialCo
         SCOPED_TRACE(label);
 
         job->reset();
-        RunResult first = traced({"-o", "/dev/null", "-e",
-                                  "inject=" + name + ":signal=KILL:when=" + std::to_string(occurrence)});
+        RunResult first = job->traced(
+            {"/usr/bin/strace", "-o", "/dev/null", "-e", "inject=" + name + ":signal=KILL:when=" + std::to_string(occurrence)});
         if (!first.signalled) {
             // The run took another path than the clean one (timing of a
             // child, say) and never got that far: not a crash case.
@@ -125,10 +98,7 @@ TEST_F(ReliabilityCrashTest, KilledAtRandomPointsThenRetriedNeverShowsAPartialCo
         killedIn[name]++;
 
         Inventory afterKill = job->inventory();
-        std::vector<std::string> recorded;
-        std::istringstream rec(job->record(key));
-        for (std::string line; std::getline(rec, line);)
-            recorded.push_back(line);
+        const std::vector<std::string> recorded = job->recordedLines();
         auto isRecorded = [&](const char *line) {
             return std::find(recorded.begin(), recorded.end(), line) != recorded.end();
         };
@@ -182,10 +152,10 @@ TEST_F(ReliabilityCrashTest, KilledAtRandomPointsThenRetriedNeverShowsAPartialCo
             if (after > 1)
                 duplicates[store] += after - 1;
         };
-        expect("sendmail", afterKill.sendmail, inv.sendmail, lines[0]);
-        expect("program", afterKill.program, inv.program, lines[1]);
-        expect("maildir", afterKill.maildir, inv.maildir, lines[2]);
-        expect("mbox", afterKill.mbox, inv.mbox, lines[3]);
+        expect("sendmail", afterKill.sendmail, inv.sendmail, kLines[0]);
+        expect("program", afterKill.program, inv.program, kLines[1]);
+        expect("maildir", afterKill.maildir, inv.maildir, kLines[2]);
+        expect("mbox", afterKill.mbox, inv.mbox, kLines[3]);
         EXPECT_EQ(inv.unchanged, 0) << inv.describe();
 
         // Only the killed run can have left anything, and only its own files.

@@ -13,7 +13,6 @@
 
 #include <cstdio>
 #include <map>
-#include <memory>
 #include <sstream>
 
 #include "reliability_fixture.h"
@@ -22,8 +21,6 @@ namespace {
 
 using namespace reliability;
 
-const char *const kLines[] = {"&bob@example.net", "|f=$(mktemp program.XXXXXX) && cat > \"$f\"", "./Maildir/",
-                              "./mbox"};
 const int kMaxRetries = 3;
 
 struct Fault {
@@ -39,28 +36,16 @@ struct Tally {
     std::vector<std::string> named;  // cases worth a sentence in the report
 };
 
-class ReliabilityFaultsTest : public ::testing::TestWithParam<Fault> {
+class ReliabilityFaultsTest : public TracedJobTest<::testing::TestWithParam<Fault>> {
   protected:
-    void SetUp() override {
-        if (!releaseBuild())
-            GTEST_SKIP() << "system call counts are only meaningful for the release build";
-        job = std::make_unique<WholeJob>(sb);
-    }
 
+    // timeout kills its whole process group: strace and ferndrop with it, for
+    // a killed tracer would leave its tracee running on the host. A normal run
+    // takes well under a second; see killedByInjection.
     RunResult traced(const std::vector<std::string> &options) {
-        RunSpec spec;
-        // timeout kills its whole process group: strace and ferndrop with it,
-        // for a killed tracer would leave its tracee running on the host.
-        spec.argv = {"/usr/bin/timeout", "-s", "KILL", "8", "/usr/bin/strace", "-o", trace};
-        spec.argv.insert(spec.argv.end(), options.begin(), options.end());
-        spec.argv.push_back(ferndropBinary());
-        for (const auto &a : job->args())
-            spec.argv.push_back(a);
-        spec.input = job->message();
-        // A normal run takes well under a second; see killedByInjection.
-        spec.timeoutSeconds = 60;
-        spec.waitForOrphans = true;
-        return sb.run(spec);
+        std::vector<std::string> command = {"/usr/bin/timeout", "-s", "KILL", "8", "/usr/bin/strace", "-o", trace};
+        command.insert(command.end(), options.begin(), options.end());
+        return job->traced(command, 60);
     }
 
     // What the descriptor of the injected close was: a path opened in the
@@ -114,8 +99,6 @@ class ReliabilityFaultsTest : public ::testing::TestWithParam<Fault> {
         return lines;
     }
 
-    Sandbox sb;
-    std::unique_ptr<WholeJob> job;
     std::string trace = sb.root() + "/trace";
 };
 
@@ -174,7 +157,6 @@ TEST_P(ReliabilityFaultsTest, EveryCallFailedOnceThenRetriedLeavesExactlyOneCopy
             tally.named.push_back(killedBy + ", exit " + std::to_string(first.status) + " (" + label + ")");
         }
 
-        std::vector<std::string> recorded;
         Inventory afterFirst = job->inventory();
         if (first.status != 0 && killedBy.empty()) {
             tally.failedFirst++;
@@ -192,13 +174,9 @@ TEST_P(ReliabilityFaultsTest, EveryCallFailedOnceThenRetriedLeavesExactlyOneCopy
                                       "' after " + label);
             }
         }
-        if (first.status != 0) {
-            std::istringstream rec(job->record("<fault.1@example.org> " + kSender + " " + kRecipient));
-            for (std::string line; std::getline(rec, line);)
-                recorded.push_back(line);
-        }
         // Nothing partial may ever be visible, not even before the retry.
         EXPECT_TRUE(afterFirst.problems.empty()) << afterFirst.describe() << first.logDump();
+        const std::vector<std::string> recorded = job->recordedLines();
 
         RunResult last = first;
         for (int retry = 0; last.status != 0 && retry < kMaxRetries; retry++) {
@@ -210,12 +188,8 @@ TEST_P(ReliabilityFaultsTest, EveryCallFailedOnceThenRetriedLeavesExactlyOneCopy
         // A line carried out by the failed run but missing from its record is
         // carried out again by the retry: inherent at-least-once delivery.
         auto expected = [&](int carriedOut, const char *line) {
-            if (first.status == 0 || carriedOut == 0)
-                return 1;
-            for (const auto &r : recorded)
-                if (r == line)
-                    return 1;
-            return 2;
+            bool kept = std::find(recorded.begin(), recorded.end(), line) != recorded.end();
+            return first.status == 0 || carriedOut == 0 || kept ? 1 : 2;
         };
         int want[4] = {expected(afterFirst.sendmail, kLines[0]), expected(afterFirst.program, kLines[1]),
                        expected(afterFirst.maildir, kLines[2]), expected(afterFirst.mbox, kLines[3])};

@@ -10,6 +10,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <map>
+#include <memory>
 #include <sstream>
 #include <string>
 #include <vector>
@@ -24,22 +25,6 @@ const std::string kStateDb = "/var/lib/kavra/mail/local/local.db";
 const std::string kSpoolDir = "/usr/local/qrn/handlers/spool";
 const std::string kSender = "sender@example.org";
 const std::string kRecipient = "alice@example.com";
-// Runs a command on the host and returns its standard output.
-inline std::string hostOutput(const std::string &command, int *status = nullptr) {
-    std::string out;
-    FILE *p = popen(command.c_str(), "r");
-    if (p == nullptr)
-        return out;
-    char buf[4096];
-    size_t n;
-    while ((n = fread(buf, 1, sizeof buf, p)) > 0)
-        out.append(buf, n);
-    int rc = pclose(p);
-    if (status != nullptr)
-        *status = rc;
-    return out;
-}
-
 // A message of about 9 KB, so that every copy of it takes several 4096-byte
 // reads and writes and a failure can strike in the middle of one.
 inline std::string bigMessage(const std::string &id) {
@@ -74,12 +59,16 @@ struct Inventory {
     }
 };
 
+// The mailbox's .qmail lines, in order: forward, program, maildir, mbox.
+inline const char *const kLines[] = {"&bob@example.net", "|f=$(mktemp program.XXXXXX) && cat > \"$f\"", "./Maildir/",
+                                     "./mbox"};
+
 class WholeJob {
   public:
     static constexpr const char *kStampHeader = "X-Stamped: yes\n";
 
     explicit WholeJob(Sandbox &sb, const std::string &messageId = "fault.1@example.org")
-        : sb_(sb), message_(bigMessage(messageId)) {
+        : sb_(sb), messageId_(messageId), message_(bigMessage(messageId)) {
         sb_.standardLayout();
         sb_.installSendmailRecorder();
         box_ = sb_.mailbox("example.com", "alice");
@@ -97,11 +86,7 @@ class WholeJob {
         std::string cmd = "sqlite3 '" + sb_.host(kRegistry) + "' < '" + sb_.root() + "/registry.sql'";
         if (system(cmd.c_str()) != 0)
             ADD_FAILURE() << "cannot create the handler registry";
-        sb_.write(box_ + "/.qmail",
-                  "&bob@example.net\n"
-                  "|f=$(mktemp program.XXXXXX) && cat > \"$f\"\n"
-                  "./Maildir/\n"
-                  "./mbox\n");
+        sb_.write(box_ + "/.qmail", std::string(kLines[0]) + "\n" + kLines[1] + "\n" + kLines[2] + "\n" + kLines[3] + "\n");
         reset();
     }
 
@@ -123,6 +108,21 @@ class WholeJob {
 
     RunResult deliver() { return sb_.ferndrop(args(), message_); }
 
+    // ferndrop started by the given command (strace and its options), with
+    // whatever it leaves running (handlers, the program, sendmail, all
+    // outliving a killed ferndrop) waited for before the stores are looked at.
+    RunResult traced(const std::vector<std::string> &command, int timeoutSeconds = 120) {
+        RunSpec spec;
+        spec.argv = command;
+        spec.argv.push_back(ferndropBinary());
+        for (const auto &a : args())
+            spec.argv.push_back(a);
+        spec.input = message_;
+        spec.timeoutSeconds = timeoutSeconds;
+        spec.waitForOrphans = true;
+        return sb_.run(spec);
+    }
+
     // Keys of the delivery-state records (read on the host side).
     std::vector<std::string> stateKeys() const {
         std::vector<std::string> keys;
@@ -133,13 +133,16 @@ class WholeJob {
             keys.push_back(line);
         return keys;
     }
-    // The stored record of the message's delivery, or "<none>".
-    std::string record(const std::string &key) const {
-        if (!sb_.exists(kStateDb))
-            return "<none>";
+    // The lines the delivery-state record of the message holds.
+    std::vector<std::string> recordedLines() const {
+        std::vector<std::string> lines;
         int status = 0;
-        std::string out = hostOutput("tchmgr get '" + sb_.host(kStateDb) + "' '" + key + "' 2>/dev/null", &status);
-        return status == 0 ? out : "<none>";
+        std::istringstream in(hostOutput("tchmgr get '" + sb_.host(kStateDb) + "' '<" + messageId_ + "> " + kSender +
+                                             " " + kRecipient + "' 2>/dev/null",
+                                         &status));
+        for (std::string line; status == 0 && std::getline(in, line);)
+            lines.push_back(line);
+        return lines;
     }
 
     // Counts complete copies everywhere; anything else is a problem.
@@ -197,6 +200,7 @@ class WholeJob {
 
   private:
     Sandbox &sb_;
+    std::string messageId_;
     std::string message_;
     std::string box_;
 };
@@ -234,6 +238,20 @@ inline bool releaseBuild() {
     return true;
 #endif
 }
+
+// Ground of the tests that trace the release binary's system calls: the
+// sanitizer runtime makes calls of its own and its leak check cannot run
+// under ptrace.
+template <typename Base> class TracedJobTest : public Base {
+  protected:
+    void SetUp() override {
+        if (!releaseBuild())
+            GTEST_SKIP() << "system call counts are only meaningful for the release build";
+        job = std::make_unique<WholeJob>(sb);
+    }
+    Sandbox sb;
+    std::unique_ptr<WholeJob> job;
+};
 
 inline bool longMode() {
     const char *v = getenv("FERNDROP_LONG");

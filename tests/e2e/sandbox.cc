@@ -404,5 +404,20 @@ RunResult Sandbox::shell(const std::string &script, const std::string &input) {
     return run(spec);
 }
 
+std::string hostOutput(const std::string &command, int *status) {
+    std::string out;
+    FILE *p = popen(command.c_str(), "r");
+    if (p == nullptr)
+        return out;
+    char buf[4096];
+    size_t n;
+    while ((n = fread(buf, 1, sizeof buf, p)) > 0)
+        out.append(buf, n);
+    int rc = pclose(p);
+    if (status != nullptr)
+        *status = rc;
+    return out;
+}
+
 std::string ferndropBinary() { return FERNDROP_BINARY; }
 std::string sourceDir() { return FERNDROP_SOURCE_DIR; }

@@ -89,5 +89,8 @@ class Sandbox {
     int runs_ = 0;
 };
 
+// Runs a command on the host and returns its standard output.
+std::string hostOutput(const std::string &command, int *status = nullptr);
+
 std::string ferndropBinary();
 std::string sourceDir();
