@@ -16,6 +16,7 @@
 #include "dotqmail/qmail_file.h"
 #include "paths.h"
 #include "state/message_id.h"
+#include "state_db.h"
 #include "test_support.h"
 
 namespace {
@@ -145,19 +146,7 @@ class ProcessQmailFileTest : public ::testing::Test {
         writeFile(dir / ".qmail", qmail, mode);
         return processQmailFile(".qmail", message.c_str(), sender.c_str(), recipient.c_str());
     }
-    std::optional<std::string> record() {
-        std::optional<std::string> value;
-        TCHDB *hdb = tchdbnew();
-        if (tchdbopen(hdb, stateDatabase.c_str(), HDBOREADER)) {
-            if (char *v = tchdbget2(hdb, key.c_str())) {
-                value = v;
-                free(v);
-            }
-            tchdbclose(hdb);
-        }
-        tchdbdel(hdb);
-        return value;
-    }
+    std::optional<std::string> record() { return storedValue(stateDatabase, key); }
 
     char cwd[4096];
     LogCapture deliveryLog;  // keeps the deliveries' own lines off the console

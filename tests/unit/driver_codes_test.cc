@@ -58,15 +58,4 @@ TEST(DeliveryCodesTest, FinalResultsMapToTheExitTable) {
     }
 }
 
-TEST(DeliveryCodesTest, ExitWithStatusWritesOneLine) {
-    EXPECT_EXIT(exitWithStatus(71, "5.7.1 Message can't be delivered"), testing::ExitedWithCode(71), "");
-    testing::internal::CaptureStdout();
-    EXPECT_EXIT(
-        {
-            exitWithStatus(0, "");
-        },
-        testing::ExitedWithCode(0), "");
-    testing::internal::GetCapturedStdout();
-}
-
 }  // namespace

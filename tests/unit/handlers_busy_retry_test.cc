@@ -123,33 +123,4 @@ TEST_F(BusyRetryTest, LockedRegistryIsGivenUpWithFailure) {
     sqlite3_close(holder);
 }
 
-// The lock goes away while the delivery waits: every handler is gathered.
-TEST_F(BusyRetryTest, RegistryReleasedDuringTheWaitIsRead) {
-    ScratchRegistry reg;
-    reg.add({2, 0, 1, 0, "sender", "s@sdom.org"});
-    reg.add({2, 1, 1, 0, "recipient", "r@rdom.org"});
-    reg.add({2, 4, 1, 0, "all", "all"});
-    sqlite3 *holder = nullptr;
-    ASSERT_EQ(sqlite3_open(reg.path().c_str(), &holder), SQLITE_OK);
-    ASSERT_EQ(sqlite3_exec(holder, "BEGIN EXCLUSIVE", nullptr, nullptr, nullptr), SQLITE_OK);
-    int sleeps = 0;
-    onSleep = [&] {
-        if (++sleeps == 5)
-            sqlite3_exec(holder, "COMMIT", nullptr, nullptr, nullptr);
-        return 0;
-    };
-
-    LogCapture log;
-    Addresses addrs("s@sdom.org", {"r@rdom.org"});
-    HandlerList list;
-    EXPECT_GE(mh_get_handlers(&list, addrs.get(), 2), 0);
-    EXPECT_EQ(names(list), (std::vector<std::string>{"sender", "recipient", "all"}));
-    EXPECT_TRUE(log.lines().empty()) << log.dump();
-    // Waited through five pauses, then the attempt that got through was
-    // followed by a sixth; later operations found the registry free.
-    EXPECT_EQ(pauses, (std::vector<long>{10000, 20000, 30000, 40000, 50000, 60000}));
-    mh_list_free(&list);
-    sqlite3_close(holder);
-}
-
 }  // namespace

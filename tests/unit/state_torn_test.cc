@@ -7,8 +7,6 @@
 #include <signal.h>
 #include <sys/resource.h>
 #include <sys/wait.h>
-#include <tcutil.h>
-#include <tchdb.h>
 #include <unistd.h>
 
 #include <memory>
@@ -16,25 +14,12 @@
 #include <string>
 
 #include "state/delivery_state.h"
+#include "state_db.h"
 #include "test_support.h"
 
 namespace {
 
 const char kKey[] = "<torn.1@host> s@example.org box@example.com";
-
-std::optional<std::string> stored(const std::string &db) {
-    TCHDB *hdb = tchdbnew();
-    std::optional<std::string> result;
-    if (tchdbopen(hdb, db.c_str(), HDBOREADER)) {
-        if (char *v = tchdbget2(hdb, kKey)) {
-            result = v;
-            free(v);
-        }
-        tchdbclose(hdb);
-    }
-    tchdbdel(hdb);
-    return result;
-}
 
 // Files may grow to limit bytes while the object lives.
 class FileSizeLimit {
@@ -70,13 +55,13 @@ class TornDatabaseTest : public ::testing::TestWithParam<rlim_t> {
             EXPECT_FALSE(m->isDelivered("./Maildir/"));
             m->markDelivered("./Maildir/");
         }
-        EXPECT_EQ(stored(db), std::optional<std::string>("./Maildir/"));
+        EXPECT_EQ(storedValue(db, kKey), std::optional<std::string>("./Maildir/"));
         {
             auto m = manager();
             EXPECT_TRUE(m->isDelivered("./Maildir/"));
             m->complete();
         }
-        EXPECT_EQ(stored(db), std::nullopt);
+        EXPECT_EQ(storedValue(db, kKey), std::nullopt);
     }
 
     ScratchDir dir;

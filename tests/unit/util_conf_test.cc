@@ -163,25 +163,6 @@ TEST(ConfParse, MissingFileAndReadErrorFailWithTheirErrno) {
     }
 }
 
-TEST(ConfEntries, ReserveDoublesFromTwenty) {
-    RuntimeConfig *config = static_cast<RuntimeConfig *>(calloc(1, sizeof(RuntimeConfig)));
-    ASSERT_EQ(conf_reserve(config), 0);
-    EXPECT_EQ(config->capacity, 20u);
-    EXPECT_EQ(config->count, 0u);
-    EXPECT_TRUE(config->sorted);
-    ASSERT_EQ(conf_reserve(config), 0);
-    EXPECT_EQ(config->capacity, 20u) << "room left: no growth";
-    for (size_t expected : {40u, 80u, 160u}) {
-        while (config->count < config->capacity) {
-            std::string name = "N" + std::to_string(config->count);
-            ASSERT_EQ(conf_put(name.c_str(), "v", config), 0);
-        }
-        ASSERT_EQ(conf_reserve(config), 0);
-        EXPECT_EQ(config->capacity, expected);
-    }
-    conf_free(config);
-}
-
 TEST(ConfEntries, PutAppendsOrReplacesAndSortIsByBytes) {
     RuntimeConfig *config = static_cast<RuntimeConfig *>(calloc(1, sizeof(RuntimeConfig)));
     ASSERT_EQ(conf_put("b", "1", config), 0);
@@ -220,21 +201,6 @@ TEST(ConfGet, WithoutTheFileEveryLookupTriesAgainAndDefaultsApply) {
         EXPECT_EQ(line.priority, 12);
         EXPECT_EQ(line.text, message);
     }
-    EXPECT_STREQ(conf_get(_MIN_POSSIBLE_QRN_CONF_VAR_NAME), "_MIN_POSSIBLE_QRN_CONF_VAR_VALUE");
-    EXPECT_STREQ(conf_get(MAILMAN_VAR_D), "/var/lib/mailman");
-    EXPECT_STREQ(conf_get(HTTPD_SERVICE), "httpd");
-    EXPECT_STREQ(conf_get(SA_MAX_MAIL_SIZE), "256000");
-    EXPECT_STREQ(conf_get(PRODUCT_ROOT_D), "/usr/local/qrn");
-    EXPECT_STREQ(conf_get(_MAX_POSSIBLE_QRN_CONF_VAR_NAME), "_MAX_POSSIBLE_QRN_CONF_VAR_VALUE");
-}
-
-TEST(ConfGet, TableRowsMatchTheIdentifiers) {
-    EXPECT_STREQ(ConfigTable[_MIN_POSSIBLE_QRN_CONF_VAR_NAME].name, "_MIN_POSSIBLE_QRN_CONF_VAR_NAME");
-    EXPECT_STREQ(ConfigTable[KAVRA_MAILNAMES_D].name, "KAVRA_MAILNAMES_D");
-    EXPECT_STREQ(ConfigTable[DUMP_TMP_D].name, "DUMP_TMP_D");
-    EXPECT_STREQ(ConfigTable[MYSQL_SOCKET].name, "MYSQL_SOCKET");
-    EXPECT_STREQ(ConfigTable[_MAX_POSSIBLE_QRN_CONF_VAR_NAME].name, "_MAX_POSSIBLE_QRN_CONF_VAR_NAME");
-    EXPECT_EQ(static_cast<unsigned>(_MAX_POSSIBLE_QRN_CONF_VAR_NAME) + 1, sizeof ConfigTable / sizeof ConfigTable[0]);
 }
 
 }  // namespace

@@ -83,10 +83,4 @@ TEST(UtilErrorTest, LongMessageIsWrittenWhole) {
     EXPECT_EQ(c.out, longText + "\nSystem error 2: " + strerror(2) + "\n");
 }
 
-TEST(UtilErrorTest, AsprintfFormats) {
-    char *s = util_asprintf("%s/messageXXXXXX", "/spool");
-    EXPECT_STREQ(s, "/spool/messageXXXXXX");
-    free(s);
-}
-
 }  // namespace
