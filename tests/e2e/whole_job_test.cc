@@ -86,12 +86,29 @@ TEST_F(WholeJobTest, MissingStateDirectoryIsLoggedAndChangesNothing) {
     qmail("./Maildir/\n|exit 75\n");
     RunResult r = deliver();
     EXPECT_EQ(r.status, 75);
-    EXPECT_TRUE(r.loggedContaining("init: cannot open delivery database " + kStateDb + ": ")) << r.logDump();
-    EXPECT_TRUE(r.loggedContaining("save: cannot open delivery database " + kStateDb + ": "));
+    EXPECT_TRUE(r.logged(3, "init: cannot open delivery database " + kStateDb + ": file not found")) << r.logDump();
+    EXPECT_TRUE(r.logged(3, "save: cannot open delivery database " + kStateDb + ": file not found"));
+    EXPECT_FALSE(sb.exists("/var/lib/kavra/mail/local"));
     EXPECT_EQ(newMail().size(), 1u);
     RunResult again = deliver();
     EXPECT_EQ(again.status, 75);
     EXPECT_EQ(newMail().size(), 2u);  // nothing remembered, so served again
+}
+
+// A .qmail that opens but cannot be read (a directory) is a local error:
+// the run defers, and the record of the lines served before stays.
+TEST_F(WholeJobTest, UnreadableQmailDefersAndKeepsTheRecord) {
+    qmail("./mbox\n|exit 111\n");
+    EXPECT_EQ(deliver().status, 75);
+    EXPECT_EQ(record(), "./mbox\n");
+    sb.remove(box + "/.qmail");
+    sb.mkdirs(box + "/.qmail", 0600);
+    RunResult r = deliver();
+    EXPECT_EQ(r.status, 75);
+    EXPECT_EQ(r.out, "4.2.1 Message can not be delivered at this time\n");
+    EXPECT_TRUE(r.logged(3, "Error while reading file `.qmail'")) << r.logDump();
+    EXPECT_EQ(record(), "./mbox\n");
+    EXPECT_EQ(sb.read(box + "/mbox"), kMessage + "\n");
 }
 
 TEST_F(WholeJobTest, LineGrammarThroughRealRuns) {

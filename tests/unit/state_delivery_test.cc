@@ -183,33 +183,6 @@ TEST_F(DeliveryStateTest, StoredValueSplitsAtEveryLineFeedKeepingEmptyPieces) {
     EXPECT_EQ(storedValue(db, kKey), std::optional<std::string>("\na\nb\nc"));
 }
 
-TEST_F(DeliveryStateTest, MissingDatabaseDirectoryServesEveryLineAndLogsInitAndSave) {
-    db = dir / "no-such-dir/local.db";
-    LogCapture log;
-    {
-        auto m = manager();
-        EXPECT_FALSE(m->isDelivered("line"));
-        m->markDelivered("line");
-        EXPECT_TRUE(m->isDelivered("line"));
-    }
-    ASSERT_EQ(log.lines().size(), 2u) << log.dump();
-    EXPECT_EQ(log.lines()[0].priority, 3);
-    EXPECT_EQ(log.lines()[0].text,
-              "init: cannot open delivery database " + db + ": " + tchdberrmsg(TCENOFILE));
-    EXPECT_EQ(log.lines()[1].priority, 3);
-    EXPECT_EQ(log.lines()[1].text,
-              "save: cannot open delivery database " + db + ": " + tchdberrmsg(TCENOFILE));
-    EXPECT_FALSE(fileExists(dir / "no-such-dir"));
-
-    // With nothing marked there is nothing to save, so only init complains.
-    LogCapture quiet;
-    {
-        auto m = manager();
-        m->complete();
-    }
-    EXPECT_EQ(quiet.lines().size(), 1u) << quiet.dump();
-}
-
 TEST_F(DeliveryStateTest, RecordVanishedBeforeCompleteIsLogged) {
     ASSERT_TRUE(storeValue(db, kKey, "a"));
     LogCapture log;
@@ -242,11 +215,6 @@ TEST_F(DeliveryStateTest, WithoutMessageIdTheManagerWarnsOnceAndNeverTouchesTheD
     EXPECT_EQ(log.lines()[0].priority, 4);
     EXPECT_EQ(log.lines()[0].text,
               "deliveryManager: Get empty message id, delivery state will be disabled for this mail");
-
-    opens.clear();
-    { deliveryManager m(dir / "absent", kSender, kRecipient, dir / "fresh.db"); }
-    EXPECT_TRUE(opens.empty());
-    EXPECT_FALSE(fileExists(dir / "fresh.db"));
 }
 
 }  // namespace
