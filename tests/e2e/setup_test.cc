@@ -8,6 +8,7 @@
 #include <cstdlib>
 #include <sstream>
 
+#include "../registry_schema.h"
 #include "paths.h"
 #include "sandbox.h"
 
@@ -64,9 +65,15 @@ TEST(Setup, LaysOutTheTreeForTheDeliveryUserAndRunsAgainHarmlessly) {
     expectOwned(sb.host(kRegistry), 0, gid, 0640);
     expectOwned(sb.host(parentOf(kState)), uid, gid, 0750);
 
-    // The registry is the real schema: the panel can add a row to it, and
-    // the delivery user (group popuser, read only) can read it.
+    // The registry has the exact schema of the panel's creation script; the
+    // panel can add a row to it, and the delivery user (group popuser, read
+    // only) can read it.
     std::string db = sb.host(kRegistry);
+    std::string reference = sb.root() + "/reference.db";
+    ASSERT_EQ(system(("sqlite3 '" + reference + "' \"" + kRegistrySchema + "\"").c_str()), 0);
+    std::string schema = hostOutput("sqlite3 '" + db + "' .schema");
+    EXPECT_NE(schema.find("CONSTRAINT uniq_entries_constaraint"), std::string::npos) << schema;
+    EXPECT_EQ(schema, hostOutput("sqlite3 '" + reference + "' .schema"));
     ASSERT_EQ(system(("sqlite3 '" + db +
                       "' \"INSERT INTO handlers VALUES(2,4,1,1,'keep','all','/bin/true','',0);\"")
                          .c_str()),
