@@ -23,22 +23,6 @@ std::vector<LoggedLine> storeLines(const LogCapture &log) {
     return lines;
 }
 
-TEST(StoreFolders, InboxAndDotFolders) {
-    EXPECT_TRUE(is_inbox_folder(nullptr));
-    EXPECT_TRUE(is_inbox_folder(""));
-    EXPECT_TRUE(is_inbox_folder("INBOX"));
-    EXPECT_FALSE(is_inbox_folder("inbox"));
-    EXPECT_FALSE(is_inbox_folder("INBOX.Sent"));
-    EXPECT_FALSE(is_inbox_folder(".Sent"));
-
-    EXPECT_TRUE(is_dot_folder(".Sent"));
-    EXPECT_TRUE(is_dot_folder("."));
-    EXPECT_FALSE(is_dot_folder(nullptr));
-    EXPECT_FALSE(is_dot_folder(""));
-    EXPECT_FALSE(is_dot_folder("Sent"));
-    EXPECT_FALSE(is_dot_folder("INBOX"));
-}
-
 // The root comes from the configuration file, which the unit tests leave
 // absent; the end-to-end tests cover a configured root.
 class StorePathsTest : public ::testing::Test {

@@ -63,24 +63,18 @@ TEST(UtilErrorTest, SystemErrorIsAppendedOnBothStreamsAndStatusEndsTheProcess) {
     EXPECT_EQ(c.out, expected);
 }
 
-TEST(UtilErrorTest, BareMessageWithoutErrnoAndNoDoubledNewline) {
-    Captured c = inChild([] {
+TEST(UtilErrorTest, BareMessageWithoutErrnoNoDoubledNewlineAndLongMessagesWhole) {
+    std::string longText(10000, 'x');
+    Captured c = inChild([&] {
         errno = 0;
         util_error(0, "already ends\n");
         errno = 0;
         util_error(0, "%s", "");
-    });
-    EXPECT_EQ(c.status, 0);
-    EXPECT_EQ(c.out, "already ends\n\n");
-}
-
-TEST(UtilErrorTest, LongMessageIsWrittenWhole) {
-    std::string longText(10000, 'x');
-    Captured c = inChild([&] {
         errno = 2;
         util_error(0, "%s", longText.c_str());
     });
-    EXPECT_EQ(c.out, longText + "\nSystem error 2: " + strerror(2) + "\n");
+    EXPECT_EQ(c.status, 0);
+    EXPECT_EQ(c.out, "already ends\n\n" + longText + "\nSystem error 2: " + strerror(2) + "\n");
 }
 
 }  // namespace
