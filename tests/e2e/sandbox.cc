@@ -331,18 +331,9 @@ void Sandbox::installRecorder(const std::string &path, const std::string &name, 
 void Sandbox::installSendmailRecorder(int exitCode) { installRecorder("/usr/sbin/sendmail", "sendmail", exitCode); }
 
 std::vector<std::string> Sandbox::calls(const std::string &name) const {
-    std::vector<std::string> calls;
-    std::string dir = root_ + "/calls-" + name;
-    std::vector<std::string> names;
-    if (DIR *d = opendir(dir.c_str())) {
-        while (dirent *e = readdir(d))
-            if (e->d_name[0] != '.')
-                names.push_back(e->d_name);
-        closedir(d);
-    }
-    std::sort(names.begin(), names.end());
-    for (const auto &n : names)
-        calls.push_back(dir + "/" + n);
+    std::vector<std::string> calls = list(root_ + "/calls-" + name);  // named by time: oldest first
+    for (auto &c : calls)
+        c = root_ + "/calls-" + name + "/" + c;
     return calls;
 }
 
