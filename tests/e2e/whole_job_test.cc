@@ -177,6 +177,8 @@ TEST_F(WholeJobTest, SenderEmailVariableHoldsTheRecipientOnlyDuringTheForward) {
     EXPECT_EQ(Sandbox::slurpHost(calls[0] + "/argv"), "-i\n-bm\n-f\n" + kSender + "\n-t\n");
     std::string env = Sandbox::slurpHost(calls[0] + "/env");
     EXPECT_NE(env.find("QX_SENDER_EMAIL=" + kRecipient + "\n"), std::string::npos) << env;
+    EXPECT_NE(env.find("\nDELIVERED_TO=" + kRecipient + "\n"), std::string::npos) << env;
+    EXPECT_EQ(Sandbox::slurpHost(calls[0] + "/fds"), "0\n1\n2\n");
     EXPECT_EQ(env.find("preset@example.org"), std::string::npos) << env;
     EXPECT_EQ(Sandbox::slurpHost(calls[0] + "/stdin"), kMessage);
     // Removed after the forward, not restored to the inherited value.
@@ -201,6 +203,17 @@ TEST_F(WholeJobTest, FailedForwardIsRetriedWithoutRepeatingEarlierLines) {
     EXPECT_EQ(sb.read(box + "/mbox"), kMessage + "\n");
     EXPECT_EQ(newMail().size(), 1u);
     EXPECT_EQ(record(), "<none>");
+}
+
+TEST_F(WholeJobTest, SendmailKilledBySignalDefers) {
+    sb.write("/usr/sbin/sendmail", "#!/bin/sh\ncat >/dev/null\nkill -9 $$\n", 0755);
+    qmail("&bob@example.net\n");
+    RunResult r = deliver();
+    EXPECT_EQ(r.status, 75);
+    EXPECT_EQ(r.out, "4.2.1 Message can not be delivered at this time\n");
+    EXPECT_TRUE(r.loggedContaining("process '/usr/sbin/sendmail' killed by signal 9")) << r.logDump();
+    EXPECT_TRUE(r.loggedContaining("Unable to forward original message via sendmail: ")) << r.logDump();
+    EXPECT_TRUE(r.logged(3, "Unable to send mail for: bob@example.net\n")) << r.logDump();
 }
 
 }  // namespace
