@@ -81,14 +81,6 @@ TEST_F(MaildirTest, StoresOneExactCopyInNewNamedByTimePidHost) {
     EXPECT_EQ(st.st_mode & 0777, 0644u & ~mask);
 }
 
-TEST_F(MaildirTest, EmptyMessageGivesEmptyFile) {
-    writeFile(dir / "empty", "");
-    EXPECT_EQ(deliverMaildir((dir / "empty").c_str(), (dir / "Maildir").c_str()), 0);
-    std::vector<std::string> delivered = listDir(dir / "Maildir/new");
-    ASSERT_EQ(delivered.size(), 1u);
-    EXPECT_EQ(readFile(dir / "Maildir/new/" + delivered[0]), "");
-}
-
 TEST_F(MaildirTest, MissingTmpFailsNamingTheTemporaryPath) {
     std::string maildir = dir / "NoTmp";
     ASSERT_EQ(mkdir(maildir.c_str(), 0755), 0);

@@ -100,17 +100,6 @@ TEST(ConfParse, RejectedLinesAreLoggedAndSkipped) {
     }
 }
 
-TEST(ConfParse, EmptyAndCommentOnlyFilesLoadWithNoEntries) {
-    for (const std::string text : {"", "# only\n#comments\n\n"}) {
-        LogCapture log;
-        Parsed p;
-        parseText(text, p);
-        EXPECT_EQ(p.result, 0);
-        EXPECT_EQ(p.config->count, 0u);
-        EXPECT_TRUE(log.lines().empty());
-    }
-}
-
 TEST(ConfParse, ManyDefinitionsGrowTheArrayAndEndSorted) {
     for (int n : {20, 21, 41, 81}) {
         SCOPED_TRACE(n);

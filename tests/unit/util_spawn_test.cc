@@ -57,14 +57,4 @@ TEST(SpawnTest, ChildKeepsOnlyTheThreeStandardDescriptors) {
     EXPECT_EQ(readFile(dir / "out"), "the message\n0 1 2 3 ");
 }
 
-TEST(SpawnTest, MinusOneMeansTheNullDevice) {
-    ScratchDir dir;
-    int out = open((dir / "out").c_str(), O_WRONLY | O_CREAT, 0600);
-    pid_t pid = fork_execl_pipes(-1, out, -1, "/bin/sh", "/bin/sh", "-c",
-                                 "readlink /proc/self/fd/0; readlink /proc/self/fd/2; cat", nullptr);
-    EXPECT_EQ(wait_for_child(pid, "/bin/sh"), 0);
-    close(out);
-    EXPECT_EQ(readFile(dir / "out"), "/dev/null\n/dev/null\n");
-}
-
 }  // namespace
