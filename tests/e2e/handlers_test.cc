@@ -113,33 +113,28 @@ TEST_F(HandlersTest, SkipKeepsTheMessageSkipWithABlankPasses) {
     EXPECT_EQ(delivered(), "X-Blank: 1\n" + kMessage);
 }
 
-TEST_F(HandlersTest, StopDiscardsTheMessageQuietly) {
-    add(SENDER, kSender, "stopper", handler("stopper", "echo garbage\necho 'STOP spam' >&2\n"));
-    add(GLOBAL, "all", "later", stamping("later"));
-    RunResult r = deliver();
-    EXPECT_EQ(r.status, 0);
-    EXPECT_EQ(r.out, "");
-    EXPECT_TRUE(r.logged(5, "message discarded by a mail handler")) << r.logDump();
-    EXPECT_EQ(called(), "");
-    EXPECT_FALSE(sb.exists(box + "/delivered"));
-    EXPECT_TRUE(sb.list(kSpoolDir).empty());
-}
-
-TEST_F(HandlersTest, DeferAndRejectReachTheTransferAgent) {
+// A stopping verdict ends the pass: STOP drops the message quietly (exit 0,
+// no status line, only the notice), DEFER and REJECT reach the transfer
+// agent. Whatever the handler wrote is dropped and no later handler runs.
+TEST_F(HandlersTest, StopDeferAndRejectEndThePass) {
     struct Case {
         std::string line;
+        int exitCode;
         int status;
         std::string text;
     };
-    const Case cases[] = {{"DEFER 4.2.2", 75, "4.4.5 Mail system is congested\n"},
-                          {"REJECT 5.7.1", 69, "5.7.1 Message can't be delivered\n"}};
+    const Case cases[] = {{"STOP spam", 0, 0, ""},
+                          {"DEFER 4.2.2", 1, 75, "4.4.5 Mail system is congested\n"},
+                          {"REJECT 5.7.1", 1, 69, "5.7.1 Message can't be delivered\n"}};
     add(GLOBAL, "all", "later", stamping("later"));
     for (const Case &c : cases) {
         sql("DELETE FROM handlers WHERE name='verdict';");
-        add(RECIPIENT, kRecipient, "verdict", handler("verdict", "echo '" + c.line + "' >&2\nexit 1\n"));
+        add(RECIPIENT, kRecipient, "verdict",
+            handler("verdict", "echo garbage\necho '" + c.line + "' >&2\nexit " + std::to_string(c.exitCode) + "\n"));
         RunResult r = deliver();
         EXPECT_EQ(r.status, c.status) << c.line << r.logDump();
         EXPECT_EQ(r.out, c.text);
+        EXPECT_EQ(r.logged(5, "message discarded by a mail handler"), c.status == 0) << r.logDump();
         EXPECT_EQ(called(), "");
         EXPECT_FALSE(sb.exists(box + "/delivered"));
         EXPECT_TRUE(sb.list(kSpoolDir).empty());

@@ -132,7 +132,6 @@ TEST_F(WholeJobTest, LineGrammarThroughRealRuns) {
     EXPECT_EQ(argvOf(0), "-i\n-bm\n-f\n" + kSender + "\n  spaced@example.net\n");
     EXPECT_EQ(argvOf(1), "-i\n-bm\n-f\n" + kSender + "\nplain@example.net\n");
     EXPECT_EQ(argvOf(2), "-i\n-bm\n-f\n" + kSender + "\ndir/\n");
-    EXPECT_NE(Sandbox::slurpHost(calls[0] + "/env").find("QX_SENDER_EMAIL=" + kRecipient + "\n"), std::string::npos);
     EXPECT_EQ(sb.read(box + "/piped.out"), kMessage);
     EXPECT_EQ(newMail().size(), 1u);
     EXPECT_EQ(sb.read(box + "/mbox"), kMessage + "\n");
