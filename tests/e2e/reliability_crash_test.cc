@@ -146,8 +146,9 @@ TEST_F(ReliabilityCrashTest, KilledAtRandomPointsThenRetriedNeverShowsAPartialCo
             if (cut.count(store))
                 return;  // counted above; the whole copy was checked
             int want = before + (isRecorded(line) ? 0 : 1);
-            if (isRecorded(line))
+            if (isRecorded(line)) {
                 EXPECT_EQ(before, 1) << store << " recorded but not delivered";
+            }
             EXPECT_EQ(after, want) << store << "\n" << inv.describe();
             if (after > 1)
                 duplicates[store] += after - 1;

@@ -114,8 +114,9 @@ TEST_P(ReliabilityDiskFullTest, FirstRunDefersWithNothingPartialAndTheRetryDeliv
     } else {
         EXPECT_EQ(sb.list(final), std::vector<std::string>{}) << "spool file left after the retry";
     }
-    if (!restore.empty())
+    if (!restore.empty()) {
         ASSERT_EQ(system(restore.c_str()), 0);
+    }
     Inventory inv = job->inventory();
     // A maildir copy that ran out of space stays in tmp, as maildir readers
     // and cleaners expect; it is the only thing left over.
