@@ -14,6 +14,8 @@
 #                  maildir line
 #   ferndrop+lda   no .qmail: INBOX through Dovecot's LDA
 #   lda            Dovecot's LDA alone (dovecot-lda -d)
+#   minimal+lda    bench/minimal.c --then: synced spool file, then Dovecot's LDA
+#                  reading it, the floor for any agent in front of the LDA
 #   procmail       rc file with a maildir DEFAULT
 #   maildrop       filter file with one maildir "to"
 #   cat+sync       sh -c 'cat > file && sync file'
@@ -118,7 +120,7 @@ COMMIT;"
   chown "$bench_uid:$bench_gid" "$S/spool" "$S/kavra/local"
 
   # Mailboxes: one per program, all alike.
-  for box in box inbox lda min pm md cat; do mkdir -p "$M/bench.test/$box"; done
+  for box in box inbox lda mlda min pm md cat; do mkdir -p "$M/bench.test/$box"; done
   for box in box min pm md; do mkdir -p "$M/bench.test/$box/Maildir/"{tmp,new,cur}; done
   echo "./Maildir/" > "$M/bench.test/box/.qmail"
   mkdir -p "$S/minspool" "$S/catspool" "$T/rc" "$out" "$T/home"
@@ -180,15 +182,16 @@ EOF
     [ferndrop]="$FD -f $sender -d box@bench.test -p $M"
     [ferndrop+lda]="$FD -f $sender -d inbox@bench.test -p $M"
     [lda]="/usr/lib/dovecot/dovecot-lda -d lda@bench.test"
+    [minimal+lda]="$T/bin/minimal $S/minspool --then /usr/lib/dovecot/dovecot-lda -d mlda@bench.test"
     [procmail]="/usr/bin/procmail $T/rc/procmailrc"
     [maildrop]="/usr/bin/maildrop $T/rc/mailfilter"
     [cat+sync]="/bin/sh -c 'cat > $S/catspool/m && sync $S/catspool/m'"
     [feed-only]="$H nop"
   )
   declare -A newdir=(
-    [minimal]=min [ferndrop]=box [ferndrop+lda]=inbox [lda]=lda [procmail]=pm [maildrop]=md
+    [minimal]=min [ferndrop]=box [ferndrop+lda]=inbox [lda]=lda [minimal+lda]=mlda [procmail]=pm [maildrop]=md
   )
-  rows=(minimal ferndrop ferndrop+lda lda procmail maildrop cat+sync feed-only)
+  rows=(minimal ferndrop ferndrop+lda lda minimal+lda procmail maildrop cat+sync feed-only)
   if [ "$variants" = 1 ]; then
     for v in "$T"/bin/ferndrop-*; do
       name="${v##*/}"
@@ -447,6 +450,7 @@ mapfile -t rows < "$out/rows"
   echo "| 2 KB: ferndrop below the fastest peer (${best_peer#* }) | $(ms "$f2") vs $(ms "${best_peer% *}") ms | $(verdict "$f2" "${best_peer% *}") |"
   echo "| 10 MB: ferndrop <= 1.1x minimal | $(ratio "$f10" "$m10")x | $(verdict "$(ratio "$f10" "$m10")" 1.1) |"
   echo "| INBOX: ferndrop+lda <= 1.15x lda | $(ratio "$fl" "$l2")x | $(verdict "$(ratio "$fl" "$l2")" 1.15) |"
+  echo "| (INBOX floor: minimal+lda / lda) | $(ratio "$(med 2K minimal+lda)" "$l2")x | - |"
   echo "| instructions, own process <= 1.0 M | $(awk -v v="$own_ir" 'BEGIN { printf "%.3f M", v / 1e6 }') | $(verdict "$own_ir" 1000000) |"
   echo "| system calls, own process <= 150 | $own_sc | $(verdict "$own_sc" 150) |"
   echo "| peak RSS 10 MB within 1 MB (1024 KB) of 2 KB | $rss2 vs $rss10 KB | $(verdict "$(( rss10 - rss2 ))" 1024) |"

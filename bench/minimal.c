@@ -9,8 +9,14 @@
  * choice of buffer size.
  *
  * usage: minimal SPOOL_DIR MAILDIR < message
+ *        minimal SPOOL_DIR --then PROGRAM [ARG...] < message
+ *
+ * The second form is the floor for an agent that hands the message on to
+ * another program (the IMAP server's delivery agent): the synced spool file
+ * becomes PROGRAM's standard input, and its exit status is returned.
  */
 #include <fcntl.h>
+#include <sys/wait.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
@@ -35,7 +41,7 @@ static int copy_fd(int in, int out) {
 }
 
 int main(int argc, char **argv) {
-    if (argc != 3)
+    if (argc < 3)
         return 64;
     char spool[4096];
     snprintf(spool, sizeof spool, "%s/messageXXXXXX", argv[1]);
@@ -45,6 +51,21 @@ int main(int argc, char **argv) {
     if (copy_fd(0, fd) != 0 || fsync(fd) != 0 || close(fd) != 0) {
         unlink(spool);
         return 75;
+    }
+
+    if (strcmp(argv[2], "--then") == 0 && argc > 3) {
+        int in = open(spool, O_RDONLY);
+        pid_t pid = in < 0 ? -1 : vfork();
+        if (pid == 0) {
+            dup2(in, 0);
+            close(in);
+            execv(argv[3], argv + 3);
+            _exit(255);
+        }
+        int status = 0;
+        int rc = pid > 0 && waitpid(pid, &status, 0) == pid && WIFEXITED(status) ? WEXITSTATUS(status) : 75;
+        unlink(spool);
+        return rc;
     }
 
     char name[256], tmp[4096], new_[4096];
