@@ -6,10 +6,9 @@
 // rename). The `new` directory itself is not synced, as in qmail and Postfix:
 // that would cost a third journal commit per delivery, while the rename
 // reaches the disk with the journal's next commit anyway. A failure leaves
-// nothing in `new` (a partial
-// file may stay in `tmp`, where maildir cleaners expect leftovers). A path too
-// long for the name buffers is refused rather than cut, since a cut path would
-// store the message somewhere nobody looks.
+// nothing in `new` (a partial file may stay in `tmp`, where maildir cleaners
+// expect leftovers). A path too long for the name buffers is refused rather
+// than cut, since a cut path would store the message somewhere nobody looks.
 #include <cerrno>
 #include <cstdio>
 #include <cstring>

@@ -135,7 +135,18 @@ QmailLine parseQmailLine(const std::string &raw) {
 
 namespace {
 
-int judgePermissions(const char *fileName, const struct stat &st) {
+// One look at the file answers both "is there one" and "may it be used".
+// With missing given, an absent file sets it and is not logged.
+int examineQmail(const char *fileName, bool *missing) {
+    struct stat st;
+    if (stat(fileName, &st) != 0) {
+        if (missing != nullptr && errno == ENOENT) {
+            *missing = true;
+            return -1;
+        }
+        LogFunction(3, "System error %s: %s\n", fileName, strerror(errno));
+        return -1;
+    }
     if (st.st_mode & (S_IWGRP | S_IWOTH)) {
         LogFunction(3, "File %s is writable for group or others\n", fileName);
         return -1;
@@ -145,28 +156,14 @@ int judgePermissions(const char *fileName, const struct stat &st) {
 
 }  // namespace
 
-int checkQmailPermissions(const char *fileName) {
-    struct stat st;
-    if (stat(fileName, &st) != 0) {
-        LogFunction(3, "System error %s: %s\n", fileName, strerror(errno));
-        return -1;
-    }
-    return judgePermissions(fileName, st);
-}
+int checkQmailPermissions(const char *fileName) { return examineQmail(fileName, nullptr); }
 
 int processQmailFile(const char *fileName, const char *messagePath, const char *sender,
                      const char *recipient) {
-    // One look at the file answers both "is there one" and "may it be used".
-    struct stat st;
-    int permissions;
-    if (stat(fileName, &st) == 0) {
-        permissions = judgePermissions(fileName, st);
-    } else if (errno == ENOENT) {
+    bool missing = false;
+    int permissions = examineQmail(fileName, &missing);
+    if (missing)
         return DR_NO_INSTRUCTIONS;
-    } else {
-        LogFunction(3, "System error %s: %s\n", fileName, strerror(errno));
-        permissions = -1;
-    }
     if (permissions < 0) {
         LogFunction(3, "Wrong permissions for %s", fileName);
         return DR_LOCAL_ERROR;
