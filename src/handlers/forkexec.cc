@@ -2,7 +2,8 @@
 // control channel, wait, decode.
 //
 // Promises: every failure of the run itself (refused descriptors, pipe,
-// fork, exec, wait, death or stop by a signal, an unknown exit code) comes
+// fork, exec, a failed read of the answer, wait, death or stop by a signal,
+// an unknown exit code) comes
 // back as verdict ERROR with one log line; a verdict line decides whatever
 // the exit code, unless a signal ends the handler. Standard error is drained
 // while the handler runs, so a talkative handler never blocks on a full
@@ -58,14 +59,22 @@ const size_t kChunkSize = 4095;
     _exit(255);
 }
 
-void readControlChannel(int pipeRead, HandlerOutcome *outcome, bool *verdictSeen) {
+// False when the channel could not be read to its end: whatever the
+// handler answered may then be lost, and a lost SKIP must never turn into a
+// PASS that takes an empty output as the new message.
+bool readControlChannel(int pipeRead, HandlerOutcome *outcome, bool *verdictSeen) {
     char chunk[kChunkSize + 1];
     for (;;) {
         ssize_t n = read(pipeRead, chunk, kChunkSize);
         if (n < 0 && errno == EINTR)
             continue;
-        if (n <= 0)
-            return;
+        if (n < 0) {
+            LogFunction(3, "%s(): Error occured during reading the child's standard error: %s", "_mh_fork",
+                        strerror(errno));
+            return false;
+        }
+        if (n == 0)
+            return true;
         chunk[n] = '\0';
         LogFunction(7, "handlers_stderr: %s", chunk);
         mh_read_control_chunk(chunk, outcome, verdictSeen);
@@ -124,7 +133,7 @@ HandlerOutcome *mh_forkexec(int fd_in, int fd_out, const char *path, char **args
 
     close(fds[1]);
     bool verdictSeen = false;
-    readControlChannel(fds[0], outcome, &verdictSeen);
+    bool answerRead = readControlChannel(fds[0], outcome, &verdictSeen);
     close(fds[0]);
 
     int status = 0;
@@ -139,5 +148,7 @@ HandlerOutcome *mh_forkexec(int fd_in, int fd_out, const char *path, char **args
         return outcome;
     }
     decodeStatus(pid, status, verdictSeen, outcome);
+    if (!answerRead)
+        outcome->verdict = ERROR;
     return outcome;
 }
