@@ -15,6 +15,8 @@
 # usage: postfix_e2e.sh BUILD_DIR
 # Exit 77: cannot run here (not root, no namespaces); ctest counts it skipped.
 set -euo pipefail
+# The trees made here are read by Postfix's and Dovecot's unprivileged users.
+umask 022
 here=$(cd "$(dirname "$0")" && pwd)
 mailnames=/var/qmail/mailnames
 smtp_port=2525

@@ -43,7 +43,11 @@ void mkdirsHost(const std::string &path, mode_t mode) {
         if (part.empty())
             continue;
         cur += "/" + part;
-        if (mkdir(cur.c_str(), mode) != 0 && errno != EEXIST)
+        // The mode is set outright: the caller's umask must not decide
+        // whether the delivery user can pass through the fixture tree.
+        if (mkdir(cur.c_str(), mode) == 0)
+            chmod(cur.c_str(), mode);
+        else if (errno != EEXIST)
             throw std::runtime_error("mkdir " + cur + ": " + strerror(errno));
     }
 }
