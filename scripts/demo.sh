@@ -6,6 +6,10 @@
 # a .qmail with maildir, mbox, program and forward lines, and INBOX delivery
 # through Dovecot's own LDA.
 set -euo pipefail
+# What gets built and installed here is run and read by unprivileged users
+# (the delivery user, Postfix, Dovecot); a hardened root umask must not
+# lock them out.
+umask 022
 cd "$(dirname "$0")/.."
 scripts/install-deps.sh
 scripts/build.sh release

@@ -2,6 +2,10 @@
 # Installs dependencies, builds ferndrop twice (release and sanitized) and
 # runs every test against both builds.
 set -euo pipefail
+# What gets built and installed here is run and read by unprivileged users
+# (the delivery user, Postfix, Dovecot); a hardened root umask must not
+# lock them out.
+umask 022
 cd "$(dirname "$0")/.."
 scripts/install-deps.sh
 for flavour in release sanitize; do
