@@ -69,7 +69,7 @@ bool readControlChannel(int pipeRead, HandlerOutcome *outcome, bool *verdictSeen
         if (n < 0 && errno == EINTR)
             continue;
         if (n < 0) {
-            LogFunction(3, "%s(): Error occured during reading the child's standard error: %s", "_mh_fork",
+            LogFunction(3, "%s(): cannot read the handler's standard error: %s", "_mh_fork",
                         strerror(errno));
             return false;
         }
