@@ -3,12 +3,11 @@
 //
 // Promises: every failure of the run itself (refused descriptors, pipe,
 // fork, exec, a failed read of the answer, wait, death or stop by a signal,
-// an unknown exit code) comes
-// back as verdict ERROR with one log line; a verdict line decides whatever
-// the exit code, unless a signal ends the handler. Standard error is drained
-// while the handler runs, so a talkative handler never blocks on a full
-// pipe; the wait comes only after end of file. This process never exits
-// here; only a child whose exec failed does.
+// an unknown exit code) comes back as verdict ERROR with one log line; a
+// verdict line decides whatever the exit code, unless a signal ends the
+// handler. Standard error is drained while the handler runs, so a talkative
+// handler never blocks on a full pipe; the wait comes only after end of
+// file. This process never exits here; only a child whose exec failed does.
 #include "handlers/forkexec.h"
 
 #include <algorithm>
@@ -69,8 +68,7 @@ bool readControlChannel(int pipeRead, HandlerOutcome *outcome, bool *verdictSeen
         if (n < 0 && errno == EINTR)
             continue;
         if (n < 0) {
-            LogFunction(3, "%s(): cannot read the handler's standard error: %s", "_mh_fork",
-                        strerror(errno));
+            LogFunction(3, "%s(): cannot read the handler's standard error: %s", "_mh_fork", strerror(errno));
             return false;
         }
         if (n == 0)
