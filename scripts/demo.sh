@@ -18,4 +18,4 @@ trap 'rm -rf "$stage"' EXIT
 chmod 0755 "$stage"  # the delivery user runs the staged binaries
 DESTDIR="$stage" cmake --install build/release --prefix /usr/local
 sbin=$stage/usr/local/sbin
-build/release/tests/e2e/ferndrop_demo "$sbin/ferndrop" "$sbin/ferndrop-setup"
+build/release/demo/ferndrop_demo "$sbin/ferndrop" "$sbin/ferndrop-setup"

@@ -1,4 +1,4 @@
-// The end-to-end harness. A Sandbox is a scratch tree on the host plus a
+// The demo's sandbox. A Sandbox is a scratch tree on the host plus a
 // recipe for a private mount namespace in which the built ferndrop runs with
 // its compiled-in paths: overlays over /etc, /usr/local, /var/lib, /usr/sbin,
 // /usr/libexec, /usr/bin and /run whose upper layers are the sandbox's, and a

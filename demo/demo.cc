@@ -124,7 +124,7 @@ int main(int argc, char **argv) {
     sb.mkdirs("/usr/libexec/dovecot");
     if (symlink("/usr/lib/dovecot/dovecot-lda", sb.host("/usr/libexec/dovecot/dovecot-lda").c_str()) != 0)
         perror("symlink");
-    std::string conf = slurp(sourceDir() + "/tests/e2e/fixtures/dovecot.conf");
+    std::string conf = slurp(sourceDir() + "/demo/dovecot.conf");
     conf = replaceAll(replaceAll(conf, "@MAILNAMES@", sb.mailnames()), "@LOG@", sb.root() + "/dovecot.log");
     // The LDA runs as mail:popuser, not as root: it keeps the ids it has and
     // must reach the stats socket (docs/postfix.md).

@@ -1,0 +1,79 @@
+// What the binary cannot show cheaply: the registry's busy-retry arithmetic (the
+// sleep replaced, so nothing waits) and the Message-ID key's edge cases.
+#include <gtest/gtest.h>
+#include <sqlite3.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdio>
+#include <vector>
+
+#include "handlers/busy_retry.h"
+#include "state/message_id.h"
+
+namespace {
+
+std::vector<long> pauses;
+int interruptAt = -1;  // the pause that fails with EINTR
+
+int recordingSleep(const struct timespec *request, struct timespec *remain) {
+    pauses.push_back(request->tv_nsec + request->tv_sec * 1000000000L);
+    if (request->tv_nsec >= 1000000000L)
+        return nanosleep(request, remain);  // the system itself refuses a second-long pause
+    return static_cast<int>(pauses.size()) == interruptAt ? (errno = EINTR, -1) : 0;
+}
+
+int busyFor;  // answers SQLITE_BUSY this many times; negative: always
+int attempts;
+int attempt(void *, bool retrying) {
+    EXPECT_EQ(retrying, attempts > 0);
+    attempts++;
+    return busyFor < 0 || attempts <= busyFor ? SQLITE_BUSY : SQLITE_OK;
+}
+
+int retry(int busy, int interrupt, int *answer) {
+    mh_sleep = recordingSleep;
+    pauses.clear(), busyFor = busy, attempts = 0, interruptAt = interrupt;
+    return mh_retry_while_busy(attempt, nullptr, answer);
+}
+
+TEST(BusyRetry, PauseGrowsByTenMicrosecondsAndASecondEndsTheWait) {
+    int answer = -1;
+    EXPECT_EQ(retry(0, -1, &answer), 0);
+    EXPECT_TRUE(pauses.empty());
+    EXPECT_EQ(retry(3, -1, &answer), 0);
+    EXPECT_EQ(answer, SQLITE_OK);
+    EXPECT_EQ(pauses, (std::vector<long>{10000, 20000, 30000}));
+    EXPECT_EQ(retry(-1, -1, &answer), -1);
+    EXPECT_EQ(answer, SQLITE_BUSY);
+    EXPECT_EQ(attempts, 100001);
+    EXPECT_EQ(pauses.back(), 1000000000L);
+    EXPECT_EQ(retry(-1, 3, &answer), -1);
+    EXPECT_EQ(attempts, 4);
+}
+
+TEST(MessageId, WhichLineDecidesAndHowItsValueIsCleaned) {
+    const std::pair<std::string, std::string> cases[] = {
+        {"From: a@b\nmEsSaGe-iD: <AbC.12@Host.EXAMPLE>\n\nbody\n", "<abc.12@host.example>"},
+        {"Message-ID : <decoy@x>\n Message-ID: <decoy@x>\nResent-Message-ID: <d@x>\nMessage-ID: <real@x>\n", "<real@x>"},
+        {"Message-ID: <first@x>\nMessage-ID: <second@x>\n\n", "<first@x>"},
+        {"Message-ID:\n <folded@x>\nMessage-ID: <later@x>\n\n", ""},
+        {"Subject: s\n\nMessage-ID: <body@x>\n", ""},
+        {"Subject: s\r\n\r\nmessage-ID: <Body@X>\r\n", "<body@x>"},
+        {"Message-ID:\v\f <A@B> (C \xC4\xA0)\xA0\t \r\n\n", "<a@b> (c \xC4\xA0)\xA0"},
+        {std::string("Message-ID: <a\0b@x>\n\n", 21), ""},
+    };
+    char path[] = "/tmp/message-id.XXXXXX";
+    int fd = mkstemp(path);
+    for (const auto &[message, want] : cases) {
+        ASSERT_EQ(pwrite(fd, message.data(), message.size(), 0), static_cast<ssize_t>(message.size()));
+        ASSERT_EQ(ftruncate(fd, static_cast<off_t>(message.size())), 0);
+        std::string key;
+        bool found = readMessageId(path, "S@X", "R@Y", key);
+        EXPECT_EQ(found ? key : "", want.empty() ? "" : want + " S@X R@Y") << message;
+    }
+    close(fd);
+    unlink(path);
+}
+
+}  // namespace
