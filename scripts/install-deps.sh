@@ -16,6 +16,7 @@ packages=(
   llvm-14
   clang libclang-rt-14-dev
   postfix python3 iproute2 man-db
+  dpkg-dev debhelper lintian systemd zlib1g-dev libbz2-dev
   "$@"
 )
 
