@@ -13,6 +13,8 @@
 # the scratch directory is removed afterwards. Nothing touches the host.
 #
 # usage: postfix_e2e.sh BUILD_DIR
+#        FERNDROP_SBIN=/usr/sbin postfix_e2e.sh   (the ferndrop a package installed
+#        and laid out, with its own dovecot-lda path; tests/package)
 # Exit 77: cannot run here (not root, no namespaces); ctest counts it skipped.
 set -euo pipefail
 # The trees made here are read by Postfix's and Dovecot's unprivileged users.
@@ -21,9 +23,10 @@ here=$(cd "$(dirname "$0")" && pwd)
 mailnames=/var/qmail/mailnames
 smtp_port=2525
 imap_port=1143
+sbin=${FERNDROP_SBIN:-/usr/local/sbin}
 
 if [ "${1:-}" != --inside ]; then
-    build=$(cd "${1:?usage: postfix_e2e.sh BUILD_DIR}" && pwd)
+    [ -n "${FERNDROP_SBIN:-}" ] || build=$(cd "${1:?usage: postfix_e2e.sh BUILD_DIR}" && pwd)
     if [ "$(id -u)" != 0 ] || ! unshare --mount --net --pid --fork true 2>/dev/null; then
         echo "postfix_e2e: needs root and namespaces; skipped" >&2
         exit 77
@@ -31,7 +34,7 @@ if [ "${1:-}" != --inside ]; then
     T=$(mktemp -d /tmp/ferndrop-postfix-e2e.XXXXXX)
     chmod 0755 "$T"
     trap 'rm -rf "$T"' EXIT
-    DESTDIR=$T/upper cmake --install "$build" --prefix /usr/local >/dev/null
+    [ -n "${FERNDROP_SBIN:-}" ] || DESTDIR=$T/upper cmake --install "$build" --prefix /usr/local >/dev/null
     rc=0
     unshare --mount --net --pid --fork --mount-proc --propagation private \
         "$0" --inside "$T" || rc=$?
@@ -73,7 +76,7 @@ dump_logs() {
 trap dump_logs ERR
 
 # The documented setup step, exactly as an administrator runs it.
-/usr/local/sbin/ferndrop-setup --user popuser >/dev/null
+[ -n "${FERNDROP_SBIN:-}" ] || /usr/local/sbin/ferndrop-setup --user popuser >/dev/null
 
 # A handler for the whole domain: stamps the recipient it saw, passes the rest.
 mkdir -p /usr/local/qrn/handlers/bin
@@ -149,7 +152,7 @@ EOF
 for box in alice bob carol dave refuse; do
     echo "$box@example.com:{PLAIN}secret" >>/etc/dovecot/users
 done
-ln -sfn /usr/lib/dovecot /usr/libexec/dovecot
+[ -n "${FERNDROP_SBIN:-}" ] || ln -sfn /usr/lib/dovecot /usr/libexec/dovecot
 
 # Postfix: example.com is local, and every local recipient goes to ferndrop.
 cat >/etc/postfix/main.cf <<EOF
@@ -171,7 +174,7 @@ ferndrop_destination_recipient_limit = 1
 EOF
 postconf -MX smtp/inet
 postconf -M "127.0.0.1:$smtp_port/inet=127.0.0.1:$smtp_port inet n - n - - smtpd"
-postconf -M 'ferndrop/unix=ferndrop unix - n n - - pipe flags=DRXhu user=popuser:popuser null_sender=<> argv=/usr/local/sbin/ferndrop -f ${sender} -d ${recipient} -p /var/qmail/mailnames'
+postconf -M "ferndrop/unix=ferndrop unix - n n - - pipe flags=DRXhu user=popuser:popuser null_sender=<> argv=$sbin/ferndrop"' -f ${sender} -d ${recipient} -p /var/qmail/mailnames'
 postconf -F '*/*/chroot = n'
 
 dovecot
