@@ -1,26 +1,21 @@
 #!/usr/bin/env bash
-# The Debian package of this checkout: built, lintian-clean, then, in a private
-# mount namespace with throw-away /usr, /etc, /var and /run cleared of any
-# earlier ferndrop, installed, delivering through Postfix and Dovecot
-# (tests/e2e/postfix_e2e.sh), installed again, cleaned by its tmpfiles.d file,
-# purged, and the tree compared with the one from before.
+# The Debian package of this checkout: built, lintian-clean, then, in a mount namespace with
+# throw-away /usr, /etc, /var and /run cleared of any earlier ferndrop: installed, delivering
+# through Postfix and Dovecot, installed again, cleaned by its tmpfiles.d file, purged.
 # usage: package_test.sh SOURCE_DIR   (exit 77: not root, no namespaces, no tools)
 set -euo pipefail
 umask 022
 here=$(cd "$(dirname "$0")" && pwd)
-spool=/usr/local/qrn/handlers/spool
-state=/var/lib/kavra/mail/local
-registry=/var/lib/kavra/mail/handlers/handlers.db
+spool=/usr/local/qrn/handlers/spool state=/var/lib/kavra/mail/local registry=/var/lib/kavra/mail/handlers/handlers.db
 
 if [ "${1:-}" != --inside ]; then
     src=$(cd "${1:?usage: package_test.sh SOURCE_DIR}" && pwd)
     [ "$(id -u)" = 0 ] && unshare -m true 2>/dev/null && type -P dpkg-buildpackage lintian >/dev/null ||
         { echo "package_test: needs root, namespaces, dpkg-buildpackage and lintian; skipped" >&2; exit 77; }
     T=$(mktemp -d /tmp/ferndrop-package.XXXXXX)
-    chmod 0755 "$T"
     trap 'rm -rf "$T"' EXIT
     # Built from a copy: a package build leaves its by-products in and beside the tree.
-    mkdir "$T/src" && tar -C "$src" --exclude='./build*' --exclude=./.git -cf - . | tar -C "$T/src" -xf -
+    chmod 0755 "$T" && mkdir "$T/src" && tar -C "$src" --exclude='./build*' --exclude=./.git -cf - . | tar -C "$T/src" -x
     (cd "$T/src" && DEB_BUILD_OPTIONS="parallel=$(nproc)" dpkg-buildpackage -us -uc -b) >"$T/build.log" 2>&1 ||
         { tail -n 40 "$T/build.log"; exit 1; }
     lint=$(lintian --fail-on error,warning "$T"/ferndrop_*.deb 2>/dev/null) || { echo "$lint"; exit 1; }
@@ -29,7 +24,6 @@ if [ "${1:-}" != --inside ]; then
     exit
 fi
 
-# ---------------------------------------------------------------- inside
 T=$2
 for d in /usr /etc /var /run; do
     mkdir -p "$T/upper$d" "$T/work$d"
@@ -46,10 +40,8 @@ expect() {  # what, got, want
     [ "$2" = "$3" ] || { printf 'package_test: %s\n  got: %s\n want: %s\n' "$1" "$2" "$3" >&2; exit 1; }
     echo "package_test: $1: as expected"
 }
-layout() {
-    echo $(getent passwd popuser | cut -d: -f1,6,7; stat -c '%n %U:%G %a' "$spool" "$state" "$registry"
-           sqlite3 "$registry" 'SELECT name FROM handlers'; ls "$state")
-}
+layout() { echo $(getent passwd popuser | cut -d: -f1,6,7; stat -c '%n %U:%G %a' "$spool" "$state" "$registry"
+                  sqlite3 "$registry" 'SELECT name FROM handlers'; ls "$state"); }
 want="popuser:/nonexistent:/usr/sbin/nologin $spool popuser:popuser 750 $state popuser:popuser 750"
 want="$want $registry root:popuser 640"
 
