@@ -89,6 +89,8 @@ class World:
             os.makedirs(f"{self.box}/Maildir/{sub}")
         self.recorder("/usr/sbin/sendmail")
         self.recorder("/usr/libexec/dovecot/dovecot-lda")
+        if os.path.lexists("/usr/bin/deliverquota"):  # Courier's agent would be preferred to Dovecot's
+            os.unlink("/usr/bin/deliverquota")
         self.nhandlers = 0
 
     def close(self):
