@@ -1,21 +1,18 @@
 #!/usr/bin/env python3
 """Mutation check: does the test suite notice realistic bugs in src/?
 
-Each mutant in scripts/mutants.txt (format described at its top) is applied to
-the working tree on its own, the build directory is rebuilt and the test
-command is run. A failing test command (or one that runs out of time) kills the
-mutant; a passing one lets it survive, which means no test would catch that
-bug. A mutant that does not compile is INVALID; one whose original text no
-longer occurs exactly once in its file is STALE (src/ has moved on; fix or drop
-the entry). Neither counts in the kill rate.
+Each mutant of scripts/mutants.txt (format at its top) is applied to the
+working tree on its own, the build directory is rebuilt and the test command
+run. A failing (or timed-out) test command kills the mutant; a passing one lets
+it survive: no test would catch that bug. A mutant that does not compile is
+INVALID; one whose original text no longer occurs exactly once in its file is
+STALE (src/ moved on: fix or drop the entry). Neither counts in the kill rate.
 
 The mutated file is always put back, also on Ctrl-C or SIGTERM, and the clean
-tree is rebuilt at the end. Only SIGKILL can leave a mutant in place; then
-`git checkout -- src` restores the tree.
+tree is rebuilt at the end; only SIGKILL can leave a mutant behind (then
+`git checkout -- src`).
 
-    python3 scripts/mutate.py                      # all mutants, build/release
-    python3 scripts/mutate.py --only spool_kept,skip_prefix
-    python3 scripts/mutate.py --list
+    python3 scripts/mutate.py [--build DIR] [--only NAME,...] [--list] [--log DIR]
 """
 import argparse
 import os
@@ -53,12 +50,12 @@ def parse_mutants(path):
     return mutants
 
 
-def run(cmd, timeout):
-    """Runs cmd in its own process group; returns its status, or None after a
-    timeout. The whole group is killed on a timeout or an interrupt, so no test
-    process outlives its mutant."""
-    proc = subprocess.Popen(cmd, shell=True, cwd=ROOT, start_new_session=True,
-                            stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
+def run(cmd, timeout, log=None):
+    """Runs cmd in its own process group, its output appended to log (a path) or
+    dropped; returns its status, or None after a timeout. The whole group is
+    killed on a timeout or an interrupt, so no test process outlives its mutant."""
+    out = open(log, "a") if log else subprocess.DEVNULL
+    proc = subprocess.Popen(cmd, shell=True, cwd=ROOT, start_new_session=True, stdout=out, stderr=subprocess.STDOUT)
     try:
         return proc.wait(timeout=timeout)
     except subprocess.TimeoutExpired:
@@ -67,45 +64,45 @@ def run(cmd, timeout):
         if proc.poll() is None:
             os.killpg(proc.pid, signal.SIGKILL)
             proc.wait()
-
-
-def interrupt(signum, frame):
-    """SIGTERM takes the same way out as Ctrl-C, through the restoring finally."""
-    raise KeyboardInterrupt
+        if log:
+            out.close()
 
 
 def stale(file, edits):
     """True when the file is gone or an original text is not there exactly once."""
     path = os.path.join(ROOT, file)
-    if not os.path.isfile(path):
-        return True
-    text = open(path, encoding="utf-8").read()
+    text = open(path, encoding="utf-8").read() if os.path.isfile(path) else ""
     return any(text.count(original) != 1 for original, _ in edits)
 
 
-def build(args):
-    return run(f"cmake --build {args.build} -j2", args.timeout) == 0
+def write(path, text):
+    with open(path, "w", encoding="utf-8") as f:
+        f.write(text)
 
 
-def try_mutant(args, file, edits):
+def build(args, log=None):
+    return run(f"cmake --build {args.build} -j2", args.timeout, log) == 0
+
+
+def try_mutant(args, name, file, edits):
     """Returns STALE, INVALID, KILLED or SURVIVED; the file is restored in any case."""
     if stale(file, edits):
         return "STALE"
     path = os.path.join(ROOT, file)
-    with open(path, encoding="utf-8") as f:
-        clean = mutated = f.read()
+    clean = mutated = open(path, encoding="utf-8").read()
     for original, replacement in edits:
         mutated = mutated.replace(original, replacement, 1)
+    log = os.path.join(args.log, name + ".log") if args.log else None
+    if log:
+        open(log, "w").close()
     try:
-        with open(path, "w", encoding="utf-8") as f:
-            f.write(mutated)
-        if not build(args):
+        write(path, mutated)
+        if not build(args, log):
             return "INVALID"
-        status = run(args.test_cmd, args.timeout)
+        status = run(args.test_cmd, args.timeout, log)
         return "SURVIVED" if status == 0 else "KILLED"
     finally:
-        with open(path, "w", encoding="utf-8") as f:
-            f.write(clean)
+        write(path, clean)
 
 
 def main():
@@ -115,10 +112,13 @@ def main():
     p.add_argument("--only", help="comma-separated mutant names to run")
     p.add_argument("--list", action="store_true", help="list the mutants and exit")
     p.add_argument("--mutants", default=os.path.join(ROOT, "scripts", "mutants.txt"))
+    p.add_argument("--log", help="directory for one build and test output file per mutant (default: none)")
     p.add_argument("--timeout", type=int, default=1800, help="seconds for one build or test run (default 1800)")
     args = p.parse_args()
     args.test_cmd = args.test_cmd or f"ctest --test-dir {args.build} -j2 --stop-on-failure --timeout 120"
 
+    if args.log:
+        os.makedirs(args.log, exist_ok=True)
     mutants = parse_mutants(args.mutants)
     if args.only:
         wanted = args.only.split(",")
@@ -132,12 +132,13 @@ def main():
             print(f"{mark}{name:24} {file:32} {desc}")
         return 0
 
-    signal.signal(signal.SIGTERM, interrupt)
+    # SIGTERM takes Ctrl-C's way out, through the finally that restores the file.
+    signal.signal(signal.SIGTERM, signal.default_int_handler)
     results = {}
     try:
         for name, file, desc, edits in mutants:
             start = time.monotonic()
-            verdict = try_mutant(args, file, edits)
+            verdict = try_mutant(args, name, file, edits)
             results[name] = verdict
             print(f"{verdict:8} {name:24} {time.monotonic() - start:5.0f}s  {desc}", flush=True)
     except KeyboardInterrupt:
@@ -152,10 +153,9 @@ def main():
     rate = 100.0 * len(killed) / applied if applied else 0.0
     print(f"mutants: {applied} applied, {len(killed)} killed, {len(survived)} survived, kill rate {rate:.0f}%")
     others = [f"{n} ({v})" for n, v in results.items() if v in ("INVALID", "STALE")]
-    if others:
-        print("not counted: " + ", ".join(others))
-    if survived:
-        print("survivors: " + ", ".join(survived))
+    for label, names in (("not counted", others), ("survivors", survived)):
+        if names:
+            print(f"{label}: {', '.join(names)}")
     return 0
 
 
