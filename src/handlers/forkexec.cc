@@ -13,6 +13,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstdio>
+#include <csignal>
 #include <cstring>
 #include <fcntl.h>
 #include <sys/wait.h>
@@ -39,6 +40,10 @@ const size_t kChunkSize = 4095;
     dup2(fd_out, 1);
     dup2(pipeWrite, 2);
     close(pipeWrite);
+    // The delivery process ignores these for itself; ignored dispositions
+    // would survive the exec, and the handler is entitled to the defaults.
+    signal(SIGPIPE, SIG_DFL);
+    signal(SIGXFSZ, SIG_DFL);
     if (env != nullptr)
         execve(path, args, env);
     else

@@ -13,6 +13,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <csignal>
 #include <fcntl.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -69,6 +70,10 @@ pid_t fork_execv_pipes(int fd_in, int fd_out, int fd_err, const char *path, char
     if (tableSize > 3 && close_range(3, ~0U, 0) != 0)
         for (int fd = 3; fd < tableSize; fd++)
             close(fd);
+    // Ignored dispositions would survive the exec; the program is entitled
+    // to the defaults (the delivery process ignores these two for itself).
+    signal(SIGPIPE, SIG_DFL);
+    signal(SIGXFSZ, SIG_DFL);
     errno = 0;
     execv(path, argv);
     childFailure("fork_execv: execv(\"%s\") failed: %s\n", path);
