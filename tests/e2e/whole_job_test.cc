@@ -106,7 +106,7 @@ TEST_F(WholeJobTest, UnreadableQmailDefersAndKeepsTheRecord) {
     RunResult r = deliver();
     EXPECT_EQ(r.status, 75);
     EXPECT_EQ(r.out, "4.2.1 Message can not be delivered at this time\n");
-    EXPECT_TRUE(r.logged(3, "Error while reading file `.qmail'")) << r.logDump();
+    EXPECT_TRUE(r.logged(3, "File .qmail is not a regular file\n")) << r.logDump();
     EXPECT_EQ(record(), "./mbox\n");
     EXPECT_EQ(sb.read(box + "/mbox"), kMessage + "\n");
 }
