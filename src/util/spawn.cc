@@ -3,8 +3,9 @@
 //
 // Promises: a child never inherits anything beyond descriptors 0, 1 and 2, so
 // spool and database handles cannot leak into programs a mailbox names; a
-// failed fork ends the whole process (status 1) rather than being mistaken
-// for a delivery result; every abnormal end of a child is logged once, here.
+// failed fork is logged here and returned as -1, a failure of the step that
+// wanted the child, so the run still saves what it served and defers; every
+// abnormal end of a child is logged once, here.
 #include "util/spawn.h"
 
 #include <algorithm>
@@ -56,8 +57,12 @@ pid_t fork_execv_pipes(int fd_in, int fd_out, int fd_err, const char *path, char
     // page tables: on a virtual machine that copy alone cost a millisecond of
     // every delivery into INBOX. The descriptor table is still the child's own.
     pid_t pid = vfork();
-    if (pid < 0)
-        util_error(1, "fork_execv_pipes: fork() failed");
+    if (pid < 0) {
+        int err = errno;
+        LogFunction(3, "fork_execv_pipes: fork() failed: %s", strerror(err));
+        errno = err;
+        return -1;
+    }
     if (pid > 0)
         return pid;
 
@@ -98,7 +103,9 @@ pid_t fork_execl_pipes(int fd_in, int fd_out, int fd_err, const char *path, cons
     argv[i] = nullptr;
 
     pid_t pid = fork_execv_pipes(fd_in, fd_out, fd_err, path, argv);
+    int err = errno;
     free(argv);
+    errno = err;
     return pid;
 }
 
@@ -106,7 +113,10 @@ int wait_for_child(pid_t pid, const char *name) {
     if (name == nullptr)
         name = "<unknown>";
     if (pid < 0) {
+        // The fork's own error stays for the caller's line.
+        int err = errno;
         LogFunction(3, "fork before spawning '%s' failed", name);
+        errno = err;
         return -1;
     }
     int status = 0;

@@ -3,7 +3,7 @@
 #pragma once
 #include <sys/types.h>
 
-// fd -1 means /dev/null. A failed fork ends the process with status 1.
+// fd -1 means /dev/null. A failed fork is logged and gives -1 (errno set).
 // In the child only descriptors 0, 1 and 2 stay open.
 pid_t fork_execv_pipes(int fd_in, int fd_out, int fd_err, const char *path, char *const argv[]);
 
