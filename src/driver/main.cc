@@ -149,11 +149,15 @@ int main(int argc, char **argv) {
     char *mailname = nullptr;
     char *domain = nullptr;
     splitAddress(recipientCopy, &mailname, &domain);
-    if (enterMailboxDir(cmd.mailnamesDir, domain, mailname) != 0) {
+    int entered = enterMailboxDir(cmd.mailnamesDir, domain, mailname);
+    if (entered == MAILBOX_UNKNOWN) {
         // An unknown mailbox is not the transfer agent's problem to retry.
         syslog(19, "Unknown user: %s@%s", mailname, domain);
         finish(spoolPath, {0, ""});
     }
+    // A tree that cannot be searched now: the mailbox may well be there.
+    if (entered != 0)
+        finish(spoolPath, exitForDeliveryResult(DR_TEMPORARY));
 
     int result = processQmailFile(".qmail", spoolPath, cmd.sender, cmd.recipient);
     if (result == DR_NO_INSTRUCTIONS)
