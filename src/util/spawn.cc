@@ -109,7 +109,11 @@ pid_t fork_execl_pipes(int fd_in, int fd_out, int fd_err, const char *path, cons
     return pid;
 }
 
-int wait_for_child(pid_t pid, const char *name) {
+int wait_for_child(pid_t pid, const char *name, ChildEnd *end) {
+    ChildEnd ignored;
+    if (end == nullptr)
+        end = &ignored;
+    *end = CHILD_NOT_WAITED;
     if (name == nullptr)
         name = "<unknown>";
     if (pid < 0) {
@@ -127,14 +131,18 @@ int wait_for_child(pid_t pid, const char *name) {
                     strerror(errno), errno);
         return -1;
     }
-    if (WIFEXITED(status))
+    if (WIFEXITED(status)) {
+        *end = CHILD_EXITED;
         return WEXITSTATUS(status);
+    }
     if (WIFSIGNALED(status)) {
+        *end = CHILD_KILLED;
         LogFunction(4, "waitpid(%ld)=%ld: process '%s' killed by signal %d", static_cast<long>(pid),
                     static_cast<long>(got), name, WTERMSIG(status));
         return -1;
     }
     if (WIFSTOPPED(status)) {
+        *end = CHILD_STOPPED;
         LogFunction(4, "waitpid(%ld)=%ld: process '%s' stopped by signal %d", static_cast<long>(pid),
                     static_cast<long>(got), name, WSTOPSIG(status));
         return -1;

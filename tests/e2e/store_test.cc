@@ -87,12 +87,12 @@ TEST_F(StoreTest, AgentExitStatusBecomesOurs) {
 
 TEST_F(StoreTest, NoAgentInstalledCannotDeliver) {
     RunResult r = deliver("user@example.com");
-    EXPECT_EQ(r.status, 71) << r.logDump();
-    EXPECT_EQ(r.out, "5.7.1 Message can't be delivered\n");
+    EXPECT_EQ(r.status, 75) << r.logDump();
+    EXPECT_EQ(r.out, "4.2.1 Message can not be delivered at this time\n");
     EXPECT_TRUE(r.logged(3, "Unable to detect IMAP/POP3 server type - no LDA found")) << r.logDump();
     EXPECT_TRUE(r.logged(
         3, "Unable to deliver mail message to 'user@example.com' because I failed to find suitable delivery method"));
-    EXPECT_TRUE(r.loggedContaining("' to 'user@example.com' into 'INBOX' failed with return code -1"));
+    EXPECT_TRUE(r.loggedContaining("' to 'user@example.com' into 'INBOX' failed with return code -2"));
     EXPECT_TRUE(sb.list(kSpoolDir).empty());
 }
 
@@ -108,13 +108,13 @@ TEST_F(StoreTest, CourierAgentIsPreferredAndAnUnusableOneFailsTheDetection) {
                                  "' but is not a regular file or is not executable";
     sb.write(kCourierAgent, "#!/bin/sh\nexit 0\n", 0644);
     RunResult notExecutable = deliver("user@example.com");
-    EXPECT_EQ(notExecutable.status, 71);
+    EXPECT_EQ(notExecutable.status, 75);
     EXPECT_TRUE(notExecutable.logged(3, unusable)) << notExecutable.logDump();
 
     sb.remove(kCourierAgent);
     sb.mkdirs(kCourierAgent);
     RunResult directory = deliver("user@example.com");
-    EXPECT_EQ(directory.status, 71);
+    EXPECT_EQ(directory.status, 75);
     EXPECT_TRUE(directory.logged(3, unusable)) << directory.logDump();
 
     EXPECT_EQ(sb.calls("dovecot").size(), 0u) << "a usable Dovecot agent is not a fallback";
