@@ -1,14 +1,15 @@
 // Instruction-file processing: reads a mailbox's .qmail file and carries out
 // its lines in file order (forward, program, maildir, mbox) until one fails.
 //
-// Promises: a missing file means "no instructions" (200) and logs nothing; a
-// file others could have written is refused, so nobody but the owner decides
-// where the mail goes, and so is anything but a regular file (a FIFO would
-// block the open); with an execute bit set only forward and empty lines
-// run. Every line carried out is marked in the delivery state before the next
-// one starts, so a retry after a temporary failure resumes at the failing
-// line; the record is removed when the whole file was served (or a program
-// ended it with 99). Lines have no length limit. Nothing is thrown out of here.
+// Promises: a missing or empty file means "no instructions" (200) and logs
+// nothing; a file others could have written is refused, so nobody but the
+// owner decides where the mail goes, and so is anything but a regular file
+// (a FIFO would block the open); with an execute bit set only forward and
+// empty lines run. Every line carried out is marked in the delivery state
+// before the next one starts, so a retry after a temporary failure resumes at
+// the failing line; the record is removed when the whole file was served (or
+// a program ended it with 99). Lines have no length limit. Nothing is thrown
+// out of here.
 #include "dotqmail/qmail_file.h"
 
 #include <boost/algorithm/string.hpp>
@@ -199,6 +200,15 @@ int processQmailFile(const char *fileName, const char *messagePath, const char *
         close(fd);
         return DR_LOCAL_ERROR;
     }
+    // A panel rewriting the file in place empties it first: a file without a
+    // single byte holds no instructions (INBOX, as without a file), never a
+    // decision to drop the mail. Only lines, even blank or comment ones, can
+    // say "discard". Looked at in what is read, not in the size examined.
+    int first = getc(file.get());
+    if (first == EOF && !ferror(file.get()))
+        return DR_NO_INSTRUCTIONS;
+    if (first != EOF)
+        ungetc(first, file.get());
     // dirname() may change its argument, so it works on a copy.
     std::unique_ptr<char, decltype(&free)> nameCopy(strdup(fileName), &free);
     if (!nameCopy) {
