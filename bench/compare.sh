@@ -9,7 +9,8 @@
 # (callgrind) and peak resident memory (GNU time).
 #
 # Rows:
-#   minimal        bench/minimal.c: spool (fsync), copy into tmp (fsync), rename
+#   minimal        bench/minimal.c: spool (fsync), copy into tmp (fsync), rename,
+#                  fsync of new
 #   ferndrop       no handler applies (registry of 1,000 rows), .qmail with one
 #                  maildir line
 #   ferndrop+lda   no .qmail: INBOX through Dovecot's LDA

@@ -1,8 +1,9 @@
 /* The floor for one local delivery: the work no delivery agent can skip and
  * nothing else. The message is read from standard input into a private spool
  * file that is synced (so that the transfer agent may forget it), copied into
- * the maildir's tmp, synced again, renamed into new, and the spool file is
- * removed. No logging, no configuration, no locale, no stdio.
+ * the maildir's tmp, synced again, renamed into new, the new directory is
+ * synced (so that the rename is on disk before success is reported), and the
+ * spool file is removed. No logging, no configuration, no locale, no stdio.
  *
  * The copy buffer is 4096 bytes, as in ferndrop's copy primitive, so that the
  * comparison shows what ferndrop adds around the copy rather than a different
@@ -68,16 +69,22 @@ int main(int argc, char **argv) {
         return rc;
     }
 
-    char name[256], tmp[4096], new_[4096];
+    char name[256], tmp[4096], new_[4096], newdir[4096];
     snprintf(name, sizeof name, "%ld.%ld.minimal", (long)time(NULL), (long)getpid());
     snprintf(tmp, sizeof tmp, "%s/tmp/%s", argv[2], name);
     snprintf(new_, sizeof new_, "%s/new/%s", argv[2], name);
+    snprintf(newdir, sizeof newdir, "%s/new", argv[2]);
     int in = open(spool, O_RDONLY);
     int out = open(tmp, O_WRONLY | O_CREAT | O_EXCL, 0600);
     int rc = 75;
     if (in >= 0 && out >= 0 && copy_fd(in, out) == 0 && fsync(out) == 0 && close(out) == 0 &&
-        rename(tmp, new_) == 0)
-        rc = 0;
+        rename(tmp, new_) == 0) {
+        int dir = open(newdir, O_RDONLY | O_DIRECTORY);
+        if (dir >= 0 && fsync(dir) == 0)
+            rc = 0;
+        if (dir >= 0)
+            close(dir);
+    }
     unlink(spool);
     return rc;
 }

@@ -5,7 +5,9 @@
 // exactly the arguments "-i", "-bm", then "-f" and the sender when there is a
 // sender, then the destination as written (leading blanks kept) or "-t" when
 // there is none. Any non-zero exit of sendmail, or any abnormal end, is a
-// failure, so the transfer agent retries the whole delivery.
+// failure, so the transfer agent retries the whole delivery. A destination
+// that starts with "-" would reach sendmail as an option of the mailbox
+// owner's choosing: it is refused, a failure like the others.
 #include <cerrno>
 #include <cstring>
 #include <fcntl.h>
@@ -19,6 +21,12 @@
 #include "util/spawn.h"
 
 int forwardMessage(const char *messagePath, const char *sender, const char *destination) {
+    // sendmail would read it as an option ("-C/file", "-oQ..."): never sent.
+    if (destination != nullptr && destination[0] == '-') {
+        LogFunction(3, "Unable to forward original message: destination %s starts with '-'", destination);
+        LogFunction(3, "Unable to send mail for: %s\n", destination);
+        return -1;
+    }
     int message = open(messagePath, O_RDONLY | O_CLOEXEC);
     if (message < 0) {
         LogFunction(3, "System error: %s\n", strerror(errno));

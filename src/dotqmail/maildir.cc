@@ -3,11 +3,13 @@
 //
 // Promises: a reader scanning `new` sees either nothing or the whole message,
 // never a partial one (the file is complete, synced and closed before the
-// rename). The `new` directory itself is not synced, as in qmail and Postfix:
-// that would cost a third journal commit per delivery, while the rename
-// reaches the disk with the journal's next commit anyway. A failure leaves
-// nothing in `new` (a partial file may stay in `tmp`, where maildir cleaners
-// expect leftovers). A path too long for the name buffers is refused rather
+// rename). Success means the message is in `new` on disk: the `new` directory
+// is synced after the rename, as the most careful IMAP servers do, so that a
+// power loss right after the transfer agent forgot the message cannot leave
+// it, whole but unseen, in `tmp`. A failure leaves nothing in `new` (a partial
+// file may stay in `tmp`, where maildir cleaners expect leftovers); when the
+// sync of `new` fails, the file is renamed back into `tmp`, so that the retry
+// stores the one copy. A path too long for the name buffers is refused rather
 // than cut, since a cut path would store the message somewhere nobody looks.
 #include <cerrno>
 #include <cstdio>
@@ -33,6 +35,24 @@ const unsigned kClashWaitSeconds = 2;
 bool maildirPath(char (&out)[kPathSize], const char *maildir, const char *sub, const char *name) {
     int n = snprintf(out, sizeof out, "%s/%s/%s", maildir, sub, name);
     return n >= 0 && static_cast<size_t>(n) < sizeof out;
+}
+
+// The rename lives in the directory, not in the file: only a synced `new`
+// makes it durable.
+int syncNewDirectory(const char *newPath) {
+    char dir[kPathSize];
+    size_t length = strrchr(newPath, '/') - newPath;
+    memcpy(dir, newPath, length);
+    dir[length] = '\0';
+    int fd = open(dir, O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+    if (fd < 0 || fsync(fd) != 0) {
+        LogFunction(3, "System error: %s\n", strerror(errno));
+        if (fd >= 0)
+            close(fd);
+        return -1;
+    }
+    close(fd);
+    return 0;
 }
 
 }  // namespace
@@ -91,6 +111,14 @@ int deliverMaildir(const char *messagePath, const char *maildir) {
     }
     if (rename(tmpPath, newPath) != 0) {
         LogFunction(3, "System error: %s\n", strerror(errno));
+        return -1;
+    }
+    if (syncNewDirectory(newPath) != 0) {
+        // Not known to be on disk, so not delivered. (A reader that already
+        // took it leaves the rename nothing to do; a retry then stores it
+        // again: a duplicate, never a loss.)
+        if (rename(newPath, tmpPath) != 0)
+            LogFunction(3, "System error: %s\n", strerror(errno));
         return -1;
     }
     return 0;

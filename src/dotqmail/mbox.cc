@@ -7,7 +7,8 @@
 // nothing of the failed copy can reach it afterwards, because every byte goes
 // out through write(2) directly and nothing is buffered in the process; the
 // message is copied byte for byte, NUL bytes and a missing final newline
-// included.
+// included. Only a regular file is appended to: anything else at the path
+// (a FIFO, a device) fails the line at once instead of blocking it.
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
@@ -53,6 +54,12 @@ bool copyAll(int in, int out) {
     }
 }
 
+int openFailure(const char *mboxPath, const char *reason) {
+    fprintf(stderr, "Unable to open %s: %s. (#4.2.1)", mboxPath, reason);
+    LogFunction(3, "Unable to open %s: %s. (#4.2.1)\n", mboxPath, reason);
+    return -1;
+}
+
 // Cuts the mbox back while the lock is still held.
 void rollback(int mbox, off_t length) {
     if (ftruncate(mbox, length) != 0)
@@ -62,13 +69,19 @@ void rollback(int mbox, off_t length) {
 }  // namespace
 
 int deliverMbox(const char *messagePath, const char *mboxPath) {
-    int mbox = open(mboxPath, O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC, 0666);
-    if (mbox < 0) {
-        const char *err = strerror(errno);
-        fprintf(stderr, "Unable to open %s: %s. (#4.2.1)", mboxPath, err);
-        LogFunction(3, "Unable to open %s: %s. (#4.2.1)\n", mboxPath, err);
-        return -1;
+    // Without blocking: a FIFO at the path would otherwise hold the delivery
+    // until a reader came. Opened so, a FIFO without a reader (or a device
+    // without its driver) fails with ENXIO, which only a file that is not a
+    // regular one can give. O_NONBLOCK means nothing to a regular file, the
+    // only kind accepted.
+    int mbox = open(mboxPath, O_WRONLY | O_APPEND | O_CREAT | O_NONBLOCK | O_NOCTTY | O_CLOEXEC, 0666);
+    struct stat opened;
+    if (mbox >= 0 && (fstat(mbox, &opened) != 0 || !S_ISREG(opened.st_mode))) {
+        close(mbox);
+        return openFailure(mboxPath, "not a regular file");
     }
+    if (mbox < 0)
+        return openFailure(mboxPath, errno == ENXIO ? "not a regular file" : strerror(errno));
     int rc;
     while ((rc = flock(mbox, LOCK_EX)) != 0 && errno == EINTR) {
     }

@@ -6,7 +6,7 @@
 // else of ours is open in it. A command that cannot be run at all (too long,
 // no working directory, no message) is a permanent failure, so the message
 // bounces instead of being retried forever; trouble with the process itself
-// (wait failed, killed, stopped) is temporary.
+// (fork or wait failed, killed, stopped) is temporary.
 #include <cerrno>
 #include <cstring>
 #include <fcntl.h>
@@ -39,6 +39,8 @@ int deliverProgram(const char *messagePath, const char *command, const char *wor
     }
     pid_t pid = fork_execl_pipes(message, -1, 2, FERNDROP_SHELL, FERNDROP_SHELL, "-c", command, nullptr);
     close(message);
+    if (pid < 0)
+        return DR_TEMPORARY;  // the failed fork is logged; the command never ran
 
     int status = 0;
     errno = 0;

@@ -1,13 +1,15 @@
 // Instruction-file processing: reads a mailbox's .qmail file and carries out
 // its lines in file order (forward, program, maildir, mbox) until one fails.
 //
-// Promises: a missing file means "no instructions" (200) and logs nothing; a
-// file others could have written is refused, so nobody but the owner decides
-// where the mail goes; with an execute bit set only forward and empty lines
-// run. Every line carried out is marked in the delivery state before the next
-// one starts, so a retry after a temporary failure resumes at the failing
-// line; the record is removed when the whole file was served (or a program
-// ended it with 99). Lines have no length limit. Nothing is thrown out of here.
+// Promises: a missing or empty file means "no instructions" (200) and logs
+// nothing; a file others could have written is refused, so nobody but the
+// owner decides where the mail goes, and so is anything but a regular file
+// (a FIFO would block the open); with an execute bit set only forward and
+// empty lines run. Every line carried out is marked in the delivery state
+// before the next one starts, so a retry after a temporary failure resumes at
+// the failing line; the record is removed when the whole file was served (or
+// a program ended it with 99). Lines have no length limit. Nothing is thrown
+// out of here.
 #include "dotqmail/qmail_file.h"
 
 #include <boost/algorithm/string.hpp>
@@ -15,11 +17,13 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <fcntl.h>
 #include <libgen.h>
 #include <locale>
 #include <memory>
 #include <new>
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include "dotqmail/deliveries.h"
 #include "driver/delivery_codes.h"
@@ -147,6 +151,12 @@ int examineQmail(const char *fileName, bool *missing) {
         LogFunction(3, "System error %s: %s\n", fileName, strerror(errno));
         return -1;
     }
+    // A FIFO would block the open for as long as nobody writes to it; a
+    // device or a directory holds no instructions either.
+    if (!S_ISREG(st.st_mode)) {
+        LogFunction(3, "File %s is not a regular file\n", fileName);
+        return -1;
+    }
     if (st.st_mode & (S_IWGRP | S_IWOTH)) {
         LogFunction(3, "File %s is writable for group or others\n", fileName);
         return -1;
@@ -168,13 +178,37 @@ int processQmailFile(const char *fileName, const char *messagePath, const char *
         LogFunction(3, "Wrong permissions for %s", fileName);
         return DR_LOCAL_ERROR;
     }
-    std::unique_ptr<FILE, FileCloser> file(fopen(fileName, "re"));
-    if (!file) {
+    // Without blocking: the file examined above may have been replaced by a
+    // FIFO since, and only the open descriptor tells what was opened.
+    int fd = open(fileName, O_RDONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC);
+    if (fd < 0) {
         if (errno == ENOENT)
             return DR_NO_INSTRUCTIONS;
         LogFunction(3, "Cannot open file `%s' to read: %s\n", fileName, strerror(errno));
         return DR_LOCAL_ERROR;
     }
+    struct stat opened;
+    if (fstat(fd, &opened) != 0 || !S_ISREG(opened.st_mode)) {
+        LogFunction(3, "File %s is not a regular file\n", fileName);
+        LogFunction(3, "Wrong permissions for %s", fileName);
+        close(fd);
+        return DR_LOCAL_ERROR;
+    }
+    std::unique_ptr<FILE, FileCloser> file(fdopen(fd, "r"));
+    if (!file) {
+        LogFunction(3, "Cannot open file `%s' to read: %s\n", fileName, strerror(errno));
+        close(fd);
+        return DR_LOCAL_ERROR;
+    }
+    // A panel rewriting the file in place empties it first: a file without a
+    // single byte holds no instructions (INBOX, as without a file), never a
+    // decision to drop the mail. Only lines, even blank or comment ones, can
+    // say "discard". Looked at in what is read, not in the size examined.
+    int first = getc(file.get());
+    if (first == EOF && !ferror(file.get()))
+        return DR_NO_INSTRUCTIONS;
+    if (first != EOF)
+        ungetc(first, file.get());
     // dirname() may change its argument, so it works on a copy.
     std::unique_ptr<char, decltype(&free)> nameCopy(strdup(fileName), &free);
     if (!nameCopy) {

@@ -6,7 +6,11 @@
 // recipient can reach a directory outside it. An exact name always beats a
 // case-insensitive match, and only real directories (never symbolic links)
 // are matched without regard to case. Every failure logs one line at mail.err
-// and leaves errno meaningful for the caller's own line.
+// and leaves errno meaningful for the caller's own line. Only a name that is
+// not there makes an unknown mailbox: a mailnames directory that cannot be
+// entered, or a directory that cannot be entered or listed for any other
+// reason (EIO, EACCES, EMFILE), says nothing about the recipient, and the
+// message must wait for the tree to come back rather than be dropped.
 #include "driver/mailbox_dir.h"
 
 #include <cerrno>
@@ -69,23 +73,43 @@ int chdirCaseless(const char *name) {
         errno = saved;
         return result;
     }
+    // A listing cut short by an error does not show the name is missing.
+    int saved = errno;
     closedir(dir);
+    if (saved != 0) {
+        LogFunction(19, "cannot readdir '.': %s", strerror(saved));
+        errno = saved;
+        return -1;
+    }
     errno = ENOENT;
     return -1;
 }
 
+namespace {
+
+// A name longer than the file system allows cannot be there either.
+int failureKind(int err) {
+    return err == ENOENT || err == ENOTDIR || err == ENAMETOOLONG ? MAILBOX_UNKNOWN : MAILBOX_UNREACHABLE;
+}
+
+}  // namespace
+
 int enterMailboxDir(const char *mailnamesDir, const char *domain, const char *mailname) {
+    // Whatever the reason (missing, not mounted), no recipient is unknown
+    // while the root of the tree is out of reach.
     if (chdir(mailnamesDir) != 0) {
         LogFunction(19, "cannot chdir to mailnames dir %s: %s", mailnamesDir, strerror(errno));
-        return -1;
+        return MAILBOX_UNREACHABLE;
     }
     if (chdirCaseless(domain) != 0) {
-        LogFunction(19, "cannot chdir to domain dir %s: %s", domain, strerror(errno));
-        return -1;
+        int err = errno;
+        LogFunction(19, "cannot chdir to domain dir %s: %s", domain, strerror(err));
+        return failureKind(err);
     }
     if (chdirCaseless(mailname) != 0) {
-        LogFunction(19, "cannot chdir to mailname dir %s: %s", mailname, strerror(errno));
-        return -1;
+        int err = errno;
+        LogFunction(19, "cannot chdir to mailname dir %s: %s", mailname, strerror(err));
+        return failureKind(err);
     }
     return 0;
 }

@@ -6,7 +6,14 @@
 // both are null for a null address.
 void splitAddress(char *address, char **mailname, char **domain);
 
-// Makes the mailbox directory the working directory: 0, or -1 after one log line.
+// enterMailboxDir's results besides 0 (entered).
+enum {
+    MAILBOX_UNKNOWN = -1,     // the domain or mailname is not there (ENOENT, ENOTDIR, ENAMETOOLONG)
+    MAILBOX_UNREACHABLE = -2  // the tree cannot be searched now (any other failure)
+};
+
+// Makes the mailbox directory the working directory: 0, or one of the values
+// above after one log line.
 int enterMailboxDir(const char *mailnamesDir, const char *domain, const char *mailname);
 
 // Changes into one subdirectory of the current directory, exact name first:

@@ -10,6 +10,9 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <csignal>
+#include <fcntl.h>
+#include <poll.h>
 #include <syslog.h>
 #include <unistd.h>
 
@@ -70,6 +73,26 @@ CommandLine parseCommandLine(int argc, char **argv) {
     return cmd;
 }
 
+// Descriptors 0, 1 and 2 closed at start would be taken by the first file or
+// socket opened (the syslog socket, say): the spool step would then wait on
+// the log socket for a message, and status lines or a child's output would go
+// into it. 1 and 2 get the null device; 0 gets it write-only, so that reading
+// the message fails and a closed standard input counts as an unreadable
+// message, never as an empty one.
+void occupyStandardDescriptors() {
+    // One call asks about all three: a closed one reports POLLNVAL.
+    pollfd fds[3] = {{0, 0, 0}, {1, 0, 0}, {2, 0, 0}};
+    if (poll(fds, 3, 0) <= 0)
+        return;
+    for (int fd = 0; fd <= 2; fd++) {
+        if (!(fds[fd].revents & POLLNVAL))
+            continue;
+        // Opened in order, so the lowest free number is this very one.
+        if (open("/dev/null", fd == 0 ? O_WRONLY : O_RDWR) != fd)
+            exit(75);  // nothing can be reported safely without them
+    }
+}
+
 [[noreturn]] void finish(const char *spoolPath, ExitOutcome outcome) {
     unlink(spoolPath);
     exitWithStatus(outcome.status, outcome.text);
@@ -78,6 +101,14 @@ CommandLine parseCommandLine(int argc, char **argv) {
 }  // namespace
 
 int main(int argc, char **argv) {
+    occupyStandardDescriptors();
+    // A write beyond the file size limit must fail with EFBIG, so that the
+    // mbox rollback and the spool clean-up run, rather than kill the process
+    // halfway through; a reader of standard error that went away must not
+    // kill it before the served lines are recorded. Every child gets the
+    // default dispositions back before it executes.
+    signal(SIGXFSZ, SIG_IGN);
+    signal(SIGPIPE, SIG_IGN);
     logInit(nullptr, 6, LOG_MAIL, LOG_PID, kProgramName);
     CommandLine cmd = parseCommandLine(argc, argv);
     LogFunction(6, "%s: from=%s, to=%s, dirname=%s", kProgramName, cmd.sender, cmd.recipient, cmd.mailnamesDir);
@@ -118,11 +149,15 @@ int main(int argc, char **argv) {
     char *mailname = nullptr;
     char *domain = nullptr;
     splitAddress(recipientCopy, &mailname, &domain);
-    if (enterMailboxDir(cmd.mailnamesDir, domain, mailname) != 0) {
+    int entered = enterMailboxDir(cmd.mailnamesDir, domain, mailname);
+    if (entered == MAILBOX_UNKNOWN) {
         // An unknown mailbox is not the transfer agent's problem to retry.
         syslog(19, "Unknown user: %s@%s", mailname, domain);
         finish(spoolPath, {0, ""});
     }
+    // A tree that cannot be searched now: the mailbox may well be there.
+    if (entered != 0)
+        finish(spoolPath, exitForDeliveryResult(DR_TEMPORARY));
 
     int result = processQmailFile(".qmail", spoolPath, cmd.sender, cmd.recipient);
     if (result == DR_NO_INSTRUCTIONS)

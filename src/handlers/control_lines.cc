@@ -3,10 +3,14 @@
 // Promises: keywords count only at the very start of a line and only in
 // their exact case; the first verdict line decides and later ones are
 // ignored; "SKIP" counts only as a whole line, so "SKIP " is no verdict at
-// all; a later DATA line replaces an earlier one. Each chunk is split by
-// itself, as it was read.
+// all; a later DATA line replaces an earlier one. A line is tested only when
+// it is complete, however the pipe cut it into reads: a handler that echoes
+// a long header line (text a remote sender chose) can never have the tail of
+// that line read as a verdict of its own. A NUL byte is an ordinary byte of
+// its line, so it cannot hide the lines after it.
 #include "handlers/control_lines.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
@@ -34,7 +38,7 @@ void setData(HandlerOutcome *outcome, const char *text) {
     outcome->data = data;
 }
 
-void readLine(const char *line, HandlerOutcome *outcome, bool *verdictSeen) {
+void readLine(const char *line, size_t length, HandlerOutcome *outcome, bool *verdictSeen) {
     struct VerdictLine {
         const char *keyword;
         bool wholeLine;
@@ -48,7 +52,9 @@ void readLine(const char *line, HandlerOutcome *outcome, bool *verdictSeen) {
     };
     if (!*verdictSeen) {
         for (const VerdictLine &v : kVerdictLines) {
-            bool matches = v.wholeLine ? strcmp(line, v.keyword) == 0 : startsWith(line, v.keyword);
+            size_t keywordLength = strlen(v.keyword);
+            bool matches = (v.wholeLine ? length == keywordLength : length >= keywordLength) &&
+                           memcmp(line, v.keyword, keywordLength) == 0;
             if (matches) {
                 outcome->verdict = v.verdict;
                 *verdictSeen = true;
@@ -56,6 +62,7 @@ void readLine(const char *line, HandlerOutcome *outcome, bool *verdictSeen) {
             }
         }
     }
+    // The texts below are C strings: a NUL byte ends what is logged or kept.
     if (startsWith(line, "LOG")) {
         LogFunction(3, "%s", line + 3);
         return;
@@ -64,18 +71,28 @@ void readLine(const char *line, HandlerOutcome *outcome, bool *verdictSeen) {
         setData(outcome, line + 4);
 }
 
+void completeLine(ControlChannel *channel, HandlerOutcome *outcome) {
+    channel->line[channel->length] = '\0';
+    if (channel->length > 0)
+        readLine(channel->line, channel->length, outcome, &channel->verdictSeen);
+    channel->length = 0;
+}
+
 }  // namespace
 
-void mh_read_control_chunk(char *chunk, HandlerOutcome *outcome, bool *verdictSeen) {
-    char *line = chunk;
-    while (*line != '\0') {
-        char *end = strchr(line, '\n');
-        if (end != nullptr)
-            *end = '\0';
-        if (*line != '\0')
-            readLine(line, outcome, verdictSeen);
-        if (end == nullptr)
-            break;
-        line = end + 1;
+void mh_control_read(ControlChannel *channel, const char *bytes, size_t count, HandlerOutcome *outcome) {
+    while (count > 0) {
+        const char *newline = static_cast<const char *>(memchr(bytes, '\n', count));
+        size_t segment = newline != nullptr ? static_cast<size_t>(newline - bytes) : count;
+        size_t kept = std::min(segment, kControlLineMax - channel->length);
+        memcpy(channel->line + channel->length, bytes, kept);
+        channel->length += kept;
+        if (newline == nullptr)
+            return;
+        completeLine(channel, outcome);
+        bytes = newline + 1;
+        count -= segment + 1;
     }
 }
+
+void mh_control_end(ControlChannel *channel, HandlerOutcome *outcome) { completeLine(channel, outcome); }

@@ -13,6 +13,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstdio>
+#include <csignal>
 #include <cstring>
 #include <fcntl.h>
 #include <sys/wait.h>
@@ -39,6 +40,10 @@ const size_t kChunkSize = 4095;
     dup2(fd_out, 1);
     dup2(pipeWrite, 2);
     close(pipeWrite);
+    // The delivery process ignores these for itself; ignored dispositions
+    // would survive the exec, and the handler is entitled to the defaults.
+    signal(SIGPIPE, SIG_DFL);
+    signal(SIGXFSZ, SIG_DFL);
     if (env != nullptr)
         execve(path, args, env);
     else
@@ -60,22 +65,28 @@ const size_t kChunkSize = 4095;
 
 // False when the channel could not be read to its end: whatever the
 // handler answered may then be lost, and a lost SKIP must never turn into a
-// PASS that takes an empty output as the new message.
+// PASS that takes an empty output as the new message. Each chunk goes to the
+// debug log as it was read; the answer is read from whole lines.
 bool readControlChannel(int pipeRead, HandlerOutcome *outcome, bool *verdictSeen) {
     char chunk[kChunkSize + 1];
+    ControlChannel channel;
     for (;;) {
         ssize_t n = read(pipeRead, chunk, kChunkSize);
         if (n < 0 && errno == EINTR)
             continue;
         if (n < 0) {
             LogFunction(3, "%s(): cannot read the handler's standard error: %s", "_mh_fork", strerror(errno));
+            *verdictSeen = channel.verdictSeen;
             return false;
         }
-        if (n == 0)
+        if (n == 0) {
+            mh_control_end(&channel, outcome);
+            *verdictSeen = channel.verdictSeen;
             return true;
+        }
         chunk[n] = '\0';
         LogFunction(7, "handlers_stderr: %s", chunk);
-        mh_read_control_chunk(chunk, outcome, verdictSeen);
+        mh_control_read(&channel, chunk, static_cast<size_t>(n), outcome);
     }
 }
 

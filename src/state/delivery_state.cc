@@ -7,14 +7,16 @@
 // unchanged. Every operation uses a fresh handle and holds the library's file
 // lock only between its open and close, which is what lets concurrent runs for
 // other recipients share the file. At most two opens in init and one in save
-// or erase. A new database file appears only complete (see create). Database
-// trouble is logged once and never stops a delivery; no exception is thrown or
-// caught here.
+// or erase. A new database file appears only complete (see create). Every
+// operation is bounded in time (see Deadline). Database trouble is logged
+// once and never stops a delivery; no exception is thrown or caught here.
 #include "state/delivery_state.h"
 
 #include <boost/algorithm/string.hpp>
 #include <cerrno>
 #include <cstdlib>
+#include <csetjmp>
+#include <csignal>
 #include <cstring>
 #include <locale>
 #include <tcutil.h>
@@ -32,6 +34,114 @@ std::string trimmed(const std::string &line) {
 
 const char *lastError(TCHDB *hdb) { return tchdberrmsg(tchdbecode(hdb)); }
 
+// Deadline: no database operation may hold up a delivery. A damaged record
+// can send the library round a loop inside a lookup, for ever, while it
+// holds the file lock, and then every run on the host that needs that lock
+// waits too. So each operation (open, one call, close) runs under an alarm;
+// when it strikes, the operation is left by a jump out of the signal
+// handler and counts as failed, with its usual log line and the error text
+// "timed out", and the delivery goes on as for any unusable database.
+//
+// Jumping out leaves the library in the middle of a call: its handle, its
+// file lock and possibly its own process-wide state are then half-way. So
+// the abandoned handle is never touched again, and neither is the library:
+// every later operation of this run fails at once with the same text. The
+// lock goes with the process, which ends soon after. Nothing but the
+// library's C code lies between the jump and its target (the bodies below
+// build no objects with destructors).
+const unsigned kDeadlineSeconds = 5;
+const char kTimedOut[] = "timed out";
+
+sigjmp_buf deadlineJump;
+volatile sig_atomic_t deadlineArmed = 0;
+bool libraryAbandoned = false;
+
+void onDeadline(int) {
+    if (deadlineArmed)
+        siglongjmp(deadlineJump, 1);
+}
+
+// What one operation hands its bounded body, and what the body reports.
+// What the body sets is volatile: after a jump it must read as far as the
+// body got, not as a register held it.
+struct Call {
+    TCHDB *volatile hdb = nullptr;         // made by the body
+    const char *path = nullptr;
+    const char *key = nullptr;
+    const char *volatile value = nullptr;  // put: the value; get: what was found (malloc'ed)
+    volatile bool opened = false;
+    volatile bool done = false;            // the call itself succeeded
+};
+
+// Runs body(call) within the deadline. False when the deadline struck (or an
+// earlier one did in this run): the caller logs its line with kTimedOut.
+bool withinDeadline(void (*body)(Call *), Call *call) {
+    if (libraryAbandoned)
+        return false;
+    static bool handlerInstalled = false;
+    if (!handlerInstalled) {
+        struct sigaction action {};
+        action.sa_handler = onDeadline;
+        sigemptyset(&action.sa_mask);
+        sigaction(SIGALRM, &action, nullptr);
+        handlerInstalled = true;
+    }
+    if (sigsetjmp(deadlineJump, 1) != 0) {
+        deadlineArmed = 0;
+        libraryAbandoned = true;
+        return false;
+    }
+    deadlineArmed = 1;
+    alarm(kDeadlineSeconds);
+    body(call);
+    // Disarmed before the alarm is cancelled, so a late one returns harmlessly.
+    deadlineArmed = 0;
+    alarm(0);
+    return true;
+}
+
+// The bodies: each makes a handle, opens, makes its one call and closes.
+void readRecord(Call *c) {
+    c->hdb = tchdbnew();
+    c->opened = tchdbopen(c->hdb, c->path, HDBOREADER);
+    if (!c->opened)
+        return;
+    c->value = tchdbget2(c->hdb, c->key);
+    tchdbclose(c->hdb);
+}
+
+void openWriterCreating(Call *c) {
+    c->hdb = tchdbnew();
+    c->opened = tchdbopen(c->hdb, c->path, HDBOWRITER | HDBOCREAT);
+    if (c->opened)
+        c->done = tchdbclose(c->hdb);
+}
+
+void writeRecord(Call *c) {
+    c->hdb = tchdbnew();
+    c->opened = tchdbopen(c->hdb, c->path, HDBOWRITER);
+    if (!c->opened)
+        return;
+    c->done = tchdbput2(c->hdb, c->key, c->value);
+    tchdbclose(c->hdb);
+}
+
+void removeRecord(Call *c) {
+    c->hdb = tchdbnew();
+    c->opened = tchdbopen(c->hdb, c->path, HDBOWRITER);
+    if (!c->opened)
+        return;
+    c->done = tchdbout2(c->hdb, c->key);
+    tchdbclose(c->hdb);
+}
+
+// Releases a handle, unless a jump left it mid-call (or the body never ran):
+// then it stays as it is.
+void release(TCHDB *hdb, bool finished) {
+    if (finished)
+        tchdbdel(hdb);
+}
+
 // The library builds a new file in place: a 256-byte header and then half a
 // megabyte of bucket array in many writes. Cut short (disk full, an I/O
 // error, the process killed), that leaves a file which every later open,
@@ -43,25 +153,29 @@ const char *lastError(TCHDB *hdb) { return tchdberrmsg(tchdbecode(hdb)); }
 // own and linked into place only once it is complete; link never replaces a
 // file another run put there first. A killed run leaves at most that private
 // file, which no delivery reads.
-void create(TCHDB *hdb, const std::string &databasePath) {
+void create(const std::string &databasePath) {
     const std::string building = databasePath + ".init." + std::to_string(getpid());
     // A file under this name can only be left by a dead process with the same id.
     unlink(building.c_str());
-    if (!tchdbopen(hdb, building.c_str(), HDBOWRITER | HDBOCREAT)) {
+    Call c;
+    c.path = building.c_str();
+    bool finished = withinDeadline(openWriterCreating, &c);
+    if (!finished || !c.opened) {
         LogFunction(3, "init: cannot open delivery database %s: %s", databasePath.c_str(),
-                    lastError(hdb));
+                    finished ? lastError(c.hdb) : kTimedOut);
         unlink(building.c_str());
+        release(c.hdb, finished);
         return;
     }
     // The close writes the header's final counts; a failed one may leave it torn.
-    bool complete = tchdbclose(hdb);
-    if (!complete)
+    if (!c.done)
         LogFunction(3, "init: cannot open delivery database %s: %s", databasePath.c_str(),
-                    lastError(hdb));
+                    lastError(c.hdb));
     else if (link(building.c_str(), databasePath.c_str()) != 0 && errno != EEXIST)
         LogFunction(3, "init: cannot open delivery database %s: %s", databasePath.c_str(),
                     strerror(errno));
     unlink(building.c_str());
+    release(c.hdb, finished);
 }
 
 }  // namespace
@@ -74,11 +188,18 @@ DeliveryState::DeliveryState(const std::string &databasePath, const std::string 
 void DeliveryState::init() {
     lines.clear();
     loaded = false;
-    TCHDB *hdb = tchdbnew();
-    if (tchdbopen(hdb, databasePath.c_str(), HDBOREADER)) {
-        if (char *value = tchdbget2(hdb, key.c_str())) {
-            std::string stored(value);
-            free(value);
+    Call c;
+    c.path = databasePath.c_str();
+    c.key = key.c_str();
+    if (!withinDeadline(readRecord, &c)) {
+        LogFunction(3, "init: cannot open delivery database %s: %s", databasePath.c_str(), kTimedOut);
+        return;
+    }
+    tchdbdel(c.hdb);
+    if (c.opened) {
+        if (c.value != nullptr) {
+            std::string stored(c.value);
+            free(const_cast<char *>(c.value));
             // token_compress_off keeps empty pieces: an empty value is one empty line.
             std::vector<std::string> split;
             boost::algorithm::split(split, stored, boost::algorithm::is_any_of("\n"),
@@ -86,25 +207,24 @@ void DeliveryState::init() {
             lines.insert(split.begin(), split.end());
             loaded = true;
         }
-        tchdbclose(hdb);
-    } else {
-        // Usually the first run on this host: leave an empty database behind
-        // so that a later save, which does not create, finds it.
-        tchdbdel(hdb);
-        hdb = tchdbnew();
-        struct stat st;
-        if (stat(databasePath.c_str(), &st) != 0 && errno == ENOENT) {
-            create(hdb, databasePath);
-        } else if (tchdbopen(hdb, databasePath.c_str(), HDBOWRITER | HDBOCREAT)) {
-            // There but unreadable: the writer says why (or, for an empty
-            // file, fills it in).
-            tchdbclose(hdb);
-        } else {
-            LogFunction(3, "init: cannot open delivery database %s: %s", databasePath.c_str(),
-                        lastError(hdb));
-        }
+        return;
     }
-    tchdbdel(hdb);
+    // Usually the first run on this host: leave an empty database behind
+    // so that a later save, which does not create, finds it.
+    struct stat st;
+    if (stat(databasePath.c_str(), &st) != 0 && errno == ENOENT) {
+        create(databasePath);
+        return;
+    }
+    // There but unreadable: the writer says why (or, for an empty file,
+    // fills it in).
+    Call w;
+    w.path = databasePath.c_str();
+    bool finished = withinDeadline(openWriterCreating, &w);
+    if (!finished || !w.opened)
+        LogFunction(3, "init: cannot open delivery database %s: %s", databasePath.c_str(),
+                    finished ? lastError(w.hdb) : kTimedOut);
+    release(w.hdb, finished);
 }
 
 bool DeliveryState::contains(const std::string &line) const {
@@ -116,21 +236,22 @@ void DeliveryState::add(const std::string &line) { lines.insert(trimmed(line)); 
 int DeliveryState::save() {
     if (!loaded && lines.empty())
         return 0;
-    TCHDB *hdb = tchdbnew();
-    if (!tchdbopen(hdb, databasePath.c_str(), HDBOWRITER)) {
-        LogFunction(3, "save: cannot open delivery database %s: %s", databasePath.c_str(),
-                    lastError(hdb));
-        tchdbdel(hdb);
-        return 1;
-    }
     std::string value = boost::algorithm::join(lines, "\n");
+    Call c;
+    c.path = databasePath.c_str();
+    c.key = key.c_str();
+    c.value = value.c_str();
+    bool finished = withinDeadline(writeRecord, &c);
     int result = 0;
-    if (!tchdbput2(hdb, key.c_str(), value.c_str())) {
-        LogFunction(3, "save: cannot save key `%s': %s", key.c_str(), lastError(hdb));
+    if (!c.opened) {
+        LogFunction(3, "save: cannot open delivery database %s: %s", databasePath.c_str(),
+                    finished ? lastError(c.hdb) : kTimedOut);
+        result = 1;
+    } else if (!finished || !c.done) {
+        LogFunction(3, "save: cannot save key `%s': %s", key.c_str(), finished ? lastError(c.hdb) : kTimedOut);
         result = 1;
     }
-    tchdbclose(hdb);
-    tchdbdel(hdb);
+    release(c.hdb, finished);
     return result;
 }
 
@@ -139,19 +260,19 @@ int DeliveryState::erase() {
     // has never been written.
     if (!loaded)
         return 0;
-    TCHDB *hdb = tchdbnew();
-    if (!tchdbopen(hdb, databasePath.c_str(), HDBOWRITER)) {
-        LogFunction(3, "erase: cannot open delivery database %s: %s", databasePath.c_str(),
-                    lastError(hdb));
-        tchdbdel(hdb);
-        return 1;
-    }
+    Call c;
+    c.path = databasePath.c_str();
+    c.key = key.c_str();
+    bool finished = withinDeadline(removeRecord, &c);
     int result = 0;
-    if (!tchdbout2(hdb, key.c_str())) {
-        LogFunction(3, "erase: cannot remove key `%s': %s", key.c_str(), lastError(hdb));
+    if (!c.opened) {
+        LogFunction(3, "erase: cannot open delivery database %s: %s", databasePath.c_str(),
+                    finished ? lastError(c.hdb) : kTimedOut);
+        result = 1;
+    } else if (!finished || !c.done) {
+        LogFunction(3, "erase: cannot remove key `%s': %s", key.c_str(), finished ? lastError(c.hdb) : kTimedOut);
         result = 1;
     }
-    tchdbclose(hdb);
-    tchdbdel(hdb);
+    release(c.hdb, finished);
     return result;
 }

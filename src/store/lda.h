@@ -11,7 +11,13 @@ int build_maildir_path(char *buffer, unsigned long size, const char *mailname, c
 int build_folder_path(char *buffer, unsigned long size, const char *mailname, const char *domain,
                       const char *folder);
 
-// 0 delivered; the agent's non-zero exit status; -1 when it could not run or
-// did not end normally.
+// Not delivered now, nothing said against later: no usable agent installed,
+// no process for it, or it was killed or stopped. mapDeliveryCode reads it,
+// like every code it does not list, as a temporary failure.
+const int LDA_TRY_LATER = -2;
+
+// 0 delivered; the agent's non-zero exit status; LDA_TRY_LATER (above); -1
+// when the delivery cannot be attempted (the message unreadable, a path too
+// long) or the wait for the agent failed.
 int lda_deliver_file(const char *path, const char *recipient, const char *folder);
 int lda_deliver_fd(int fd, const char *recipient, const char *folder);

@@ -5,13 +5,19 @@
 // nothing it prints can be mistaken for our status line), our standard error
 // on 2, nothing else open, and our environment (DELIVERED_TO included). Its
 // exit status comes back unchanged so that the driver alone decides between
-// quota, permanent and temporary failure; -1 means it never ran or did not
-// end normally. Nothing is printed on standard output.
+// quota, permanent and temporary failure. An agent that is not installed or
+// not usable, could not be started, or was killed or stopped says nothing
+// about the message: that is LDA_TRY_LATER, a temporary failure, never a
+// bounce; a stopped agent is killed and reaped, so that it cannot keep our
+// standard error (the transfer agent's pipe) open. -1 is left for a delivery
+// that cannot be attempted at all. Nothing is printed on standard output.
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <csignal>
 #include <fcntl.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include "driver/log.h"
@@ -21,6 +27,20 @@
 #include "util/spawn.h"
 
 namespace {
+
+// The agent's exit status, or LDA_TRY_LATER when it did not get to end by itself.
+int agentResult(pid_t pid, const char *agent) {
+    ChildEnd end = CHILD_NOT_WAITED;
+    int code = wait_for_child(pid, agent, &end);
+    if (end == CHILD_STOPPED) {
+        kill(pid, SIGKILL);
+        while (waitpid(pid, nullptr, 0) < 0 && errno == EINTR) {
+        }
+    }
+    if (pid < 0 || end == CHILD_KILLED || end == CHILD_STOPPED)
+        return LDA_TRY_LATER;
+    return code;
+}
 
 // The store's limit on a path; also bounds the IMAP folder name.
 const unsigned long kPathBufferSize = 4097;
@@ -42,7 +62,7 @@ int deliverCourier(int fd, const char *recipient, const char *folder) {
         return -1;
     pid_t pid = fork_execl_pipes(fd, -1, STDERR_FILENO, FERNDROP_DELIVERQUOTA, FERNDROP_DELIVERQUOTA, maildir,
                                  static_cast<char *>(nullptr));
-    return wait_for_child(pid, FERNDROP_DELIVERQUOTA);
+    return agentResult(pid, FERNDROP_DELIVERQUOTA);
 }
 
 int deliverDovecot(int fd, const char *recipient, const char *folder) {
@@ -62,7 +82,7 @@ int deliverDovecot(int fd, const char *recipient, const char *folder) {
     } else {
         return -1;
     }
-    return wait_for_child(pid, FERNDROP_DOVECOT_LDA);
+    return agentResult(pid, FERNDROP_DOVECOT_LDA);
 }
 
 }  // namespace
@@ -82,7 +102,7 @@ int lda_deliver_fd(int fd, const char *recipient, const char *folder) {
     }
     LogFunction(3, "Unable to deliver mail message to '%s' because I failed to find suitable delivery method",
                 recipient);
-    return -1;
+    return LDA_TRY_LATER;
 }
 
 int lda_deliver_file(const char *path, const char *recipient, const char *folder) {

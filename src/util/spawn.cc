@@ -3,8 +3,9 @@
 //
 // Promises: a child never inherits anything beyond descriptors 0, 1 and 2, so
 // spool and database handles cannot leak into programs a mailbox names; a
-// failed fork ends the whole process (status 1) rather than being mistaken
-// for a delivery result; every abnormal end of a child is logged once, here.
+// failed fork is logged here and returned as -1, a failure of the step that
+// wanted the child, so the run still saves what it served and defers; every
+// abnormal end of a child is logged once, here.
 #include "util/spawn.h"
 
 #include <algorithm>
@@ -13,6 +14,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <csignal>
 #include <fcntl.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -55,8 +57,12 @@ pid_t fork_execv_pipes(int fd_in, int fd_out, int fd_err, const char *path, char
     // page tables: on a virtual machine that copy alone cost a millisecond of
     // every delivery into INBOX. The descriptor table is still the child's own.
     pid_t pid = vfork();
-    if (pid < 0)
-        util_error(1, "fork_execv_pipes: fork() failed");
+    if (pid < 0) {
+        int err = errno;
+        LogFunction(3, "fork_execv_pipes: fork() failed: %s", strerror(err));
+        errno = err;
+        return -1;
+    }
     if (pid > 0)
         return pid;
 
@@ -69,6 +75,10 @@ pid_t fork_execv_pipes(int fd_in, int fd_out, int fd_err, const char *path, char
     if (tableSize > 3 && close_range(3, ~0U, 0) != 0)
         for (int fd = 3; fd < tableSize; fd++)
             close(fd);
+    // Ignored dispositions would survive the exec; the program is entitled
+    // to the defaults (the delivery process ignores these two for itself).
+    signal(SIGPIPE, SIG_DFL);
+    signal(SIGXFSZ, SIG_DFL);
     errno = 0;
     execv(path, argv);
     childFailure("fork_execv: execv(\"%s\") failed: %s\n", path);
@@ -93,15 +103,24 @@ pid_t fork_execl_pipes(int fd_in, int fd_out, int fd_err, const char *path, cons
     argv[i] = nullptr;
 
     pid_t pid = fork_execv_pipes(fd_in, fd_out, fd_err, path, argv);
+    int err = errno;
     free(argv);
+    errno = err;
     return pid;
 }
 
-int wait_for_child(pid_t pid, const char *name) {
+int wait_for_child(pid_t pid, const char *name, ChildEnd *end) {
+    ChildEnd ignored;
+    if (end == nullptr)
+        end = &ignored;
+    *end = CHILD_NOT_WAITED;
     if (name == nullptr)
         name = "<unknown>";
     if (pid < 0) {
+        // The fork's own error stays for the caller's line.
+        int err = errno;
         LogFunction(3, "fork before spawning '%s' failed", name);
+        errno = err;
         return -1;
     }
     int status = 0;
@@ -112,14 +131,18 @@ int wait_for_child(pid_t pid, const char *name) {
                     strerror(errno), errno);
         return -1;
     }
-    if (WIFEXITED(status))
+    if (WIFEXITED(status)) {
+        *end = CHILD_EXITED;
         return WEXITSTATUS(status);
+    }
     if (WIFSIGNALED(status)) {
+        *end = CHILD_KILLED;
         LogFunction(4, "waitpid(%ld)=%ld: process '%s' killed by signal %d", static_cast<long>(pid),
                     static_cast<long>(got), name, WTERMSIG(status));
         return -1;
     }
     if (WIFSTOPPED(status)) {
+        *end = CHILD_STOPPED;
         LogFunction(4, "waitpid(%ld)=%ld: process '%s' stopped by signal %d", static_cast<long>(pid),
                     static_cast<long>(got), name, WSTOPSIG(status));
         return -1;

@@ -3,7 +3,7 @@
 #pragma once
 #include <sys/types.h>
 
-// fd -1 means /dev/null. A failed fork ends the process with status 1.
+// fd -1 means /dev/null. A failed fork is logged and gives -1 (errno set).
 // In the child only descriptors 0, 1 and 2 stay open.
 pid_t fork_execv_pipes(int fd_in, int fd_out, int fd_err, const char *path, char *const argv[]);
 
@@ -14,5 +14,9 @@ pid_t fork_execl_pipes(int fd_in, int fd_out, int fd_err, const char *path, cons
 // Moves fd onto target (fd -1: /dev/null). Returns target or -1. Child side only.
 int redirect_fd(int fd, int target);
 
-// Exit status 0..255 of a normally ended child, else -1 (logged).
-int wait_for_child(pid_t pid, const char *name);
+// How a child waited for ended, for callers that must tell the cases apart.
+enum ChildEnd { CHILD_NOT_WAITED, CHILD_EXITED, CHILD_KILLED, CHILD_STOPPED };
+
+// Exit status 0..255 of a normally ended child, else -1 (logged). end, when
+// given, is set to how the child ended; a stopped child is left as it is.
+int wait_for_child(pid_t pid, const char *name, ChildEnd *end = nullptr);
