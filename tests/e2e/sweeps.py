@@ -33,8 +33,9 @@ def whole(text):
 def inventory(w):
     """Per store: its whole copies and anything else ("partial")."""
     mbox, copies = w.read("mbox") if os.path.exists(w.path("mbox")) else "", 0
-    while mbox[:len(STAMPED) + 1] in (STAMPED + "\n", JOB + "\n"):
-        mbox, copies = mbox[len(STAMPED) + 1 if mbox.startswith("X") else len(JOB) + 1:], copies + 1
+    # Whole copies from the front, then from the back: a killed append leaves its cut copy in between.
+    while c := next((c for c in (STAMPED + "\n", JOB + "\n") if mbox.startswith(c) or mbox.endswith(c)), None):
+        mbox, copies = mbox[len(c):] if mbox.startswith(c) else mbox[:-len(c)], copies + 1
     stores = {"sendmail": [c["stdin"] for c in w.calls()], "maildir": [w.read(f) for f in w.files("Maildir/new")],
               "program": [w.read(f) for f in glob.glob(w.box + "/program.*")]}
     inv = {k: sum(map(whole, v)) for k, v in stores.items()} | {"mbox": copies}
