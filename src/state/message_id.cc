@@ -21,27 +21,32 @@ const char kHeaderName[] = "message-id:";
 const size_t kHeaderLength = sizeof(kHeaderName) - 1;
 }  // namespace
 
-bool readMessageId(const std::string &messagePath, const std::string &sender,
-                   const std::string &recipient, std::string &key) {
+std::string messageIdOf(const std::string &messagePath) {
     const std::locale &c = std::locale::classic();
     std::ifstream in(messagePath);
     std::string line;
     // An unopened stream fails the first getline, which is "not found".
     while (std::getline(in, line)) {
         if (line.empty())
-            return false;
-        boost::algorithm::to_lower(line, c);
-        if (line.size() < kHeaderLength || line.compare(0, kHeaderLength, kHeaderName) != 0)
+            return "";
+        if (line.size() < kHeaderLength || !boost::algorithm::iequals(line.substr(0, kHeaderLength), kHeaderName, c))
             continue;
         std::string value = line.substr(kHeaderLength);
         boost::algorithm::trim_right(value, c);
         boost::algorithm::trim_left(value, c);
         // A folded value leaves the header line blank; the continuation is
         // deliberately not joined, and no later Message-ID line is consulted.
-        if (value.empty() || value.find('\0') != std::string::npos)
-            return false;
-        key = value + " " + sender + " " + recipient;
-        return true;
+        return value.find('\0') == std::string::npos ? value : "";
     }
-    return false;
+    return "";
+}
+
+bool readMessageId(const std::string &messagePath, const std::string &sender,
+                   const std::string &recipient, std::string &key) {
+    std::string value = messageIdOf(messagePath);
+    if (value.empty())
+        return false;
+    boost::algorithm::to_lower(value, std::locale::classic());
+    key = value + " " + sender + " " + recipient;
+    return true;
 }
