@@ -13,7 +13,9 @@
 #include "state/message_id.h"
 
 #include <boost/algorithm/string.hpp>
-#include <fstream>
+#include <cerrno>
+#include <fcntl.h>
+#include <unistd.h>
 #include <locale>
 
 namespace {
@@ -22,23 +24,46 @@ const size_t kHeaderLength = sizeof(kHeaderName) - 1;
 }  // namespace
 
 std::string messageIdOf(const std::string &messagePath) {
-    const std::locale &c = std::locale::classic();
-    std::ifstream in(messagePath);
-    std::string line;
-    // An unopened stream fails the first getline, which is "not found".
-    while (std::getline(in, line)) {
-        if (line.empty())
-            return "";
-        if (line.size() < kHeaderLength || !boost::algorithm::iequals(line.substr(0, kHeaderLength), kHeaderName, c))
+    // Plain reads rather than a stream: every run reads this for its summary
+    // line, and a stream's first use costs more than the whole scan. Lines
+    // that cannot decide are skipped, not kept, whatever their length.
+    int fd = open(messagePath.c_str(), O_RDONLY | O_CLOEXEC);
+    if (fd < 0)
+        return "";
+    enum { Start, Skip, Take } mode = Start;
+    std::string line;  // the current line's first bytes; all of the deciding one
+    char buffer[4096];
+    bool decided = false;
+    for (ssize_t n; !decided && (n = read(fd, buffer, sizeof buffer)) != 0;) {
+        if (n < 0 && errno == EINTR)
             continue;
-        std::string value = line.substr(kHeaderLength);
-        boost::algorithm::trim_right(value, c);
-        boost::algorithm::trim_left(value, c);
-        // A folded value leaves the header line blank; the continuation is
-        // deliberately not joined, and no later Message-ID line is consulted.
-        return value.find('\0') == std::string::npos ? value : "";
+        if (n < 0)  // as a stream would: a failed read ends the file
+            break;
+        for (ssize_t i = 0; i < n && !decided; i++) {
+            if (buffer[i] == '\n') {
+                // The first empty line ends the header without a Message-ID.
+                decided = mode == Take || (mode == Start && line.empty());
+                if (!decided) {
+                    mode = Start;
+                    line.clear();
+                }
+            } else if (mode != Skip) {
+                line += buffer[i];
+                if (mode == Start && line.size() == kHeaderLength)
+                    mode = boost::algorithm::iequals(line, kHeaderName, std::locale::classic()) ? Take : Skip;
+            }
+        }
     }
-    return "";
+    close(fd);
+    // A last line without a line feed counts like any other.
+    if (mode != Take)
+        return "";
+    std::string value = line.substr(kHeaderLength);
+    boost::algorithm::trim_right(value, std::locale::classic());
+    boost::algorithm::trim_left(value, std::locale::classic());
+    // A folded value leaves the header line blank; the continuation is
+    // deliberately not joined, and no later Message-ID line is consulted.
+    return value.find('\0') == std::string::npos ? value : "";
 }
 
 bool readMessageId(const std::string &messagePath, const std::string &sender,
