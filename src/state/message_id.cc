@@ -21,6 +21,19 @@
 namespace {
 const char kHeaderName[] = "message-id:";
 const size_t kHeaderLength = sizeof(kHeaderName) - 1;
+
+// The classic C locale's rules spelled out, so that a run that reads only
+// this never pays for setting up the locale machinery.
+bool isSpace(char c) { return c == ' ' || (c >= '\t' && c <= '\r'); }
+
+bool isHeaderName(const std::string &start) {
+    for (size_t i = 0; i < kHeaderLength; i++) {
+        char c = start[i] >= 'A' && start[i] <= 'Z' ? static_cast<char>(start[i] - 'A' + 'a') : start[i];
+        if (c != kHeaderName[i])
+            return false;
+    }
+    return true;
+}
 }  // namespace
 
 std::string messageIdOf(const std::string &messagePath) {
@@ -50,7 +63,7 @@ std::string messageIdOf(const std::string &messagePath) {
             } else if (mode != Skip) {
                 line += buffer[i];
                 if (mode == Start && line.size() == kHeaderLength)
-                    mode = boost::algorithm::iequals(line, kHeaderName, std::locale::classic()) ? Take : Skip;
+                    mode = isHeaderName(line) ? Take : Skip;
             }
         }
     }
@@ -58,11 +71,14 @@ std::string messageIdOf(const std::string &messagePath) {
     // A last line without a line feed counts like any other.
     if (mode != Take)
         return "";
-    std::string value = line.substr(kHeaderLength);
-    boost::algorithm::trim_right(value, std::locale::classic());
-    boost::algorithm::trim_left(value, std::locale::classic());
+    size_t first = kHeaderLength, end = line.size();
+    while (end > first && isSpace(line[end - 1]))
+        end--;
+    while (first < end && isSpace(line[first]))
+        first++;
     // A folded value leaves the header line blank; the continuation is
     // deliberately not joined, and no later Message-ID line is consulted.
+    std::string value = line.substr(first, end - first);
     return value.find('\0') == std::string::npos ? value : "";
 }
 
