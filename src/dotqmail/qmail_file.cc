@@ -28,6 +28,7 @@
 #include "dotqmail/deliveries.h"
 #include "driver/delivery_codes.h"
 #include "driver/log.h"
+#include "driver/run_record.h"
 #include "state/delivery_state.h"
 
 namespace {
@@ -85,23 +86,34 @@ int carryOut(const QmailLine &line, const char *messagePath, const char *sender,
     return 0;
 }
 
+// The summary line's account of one line, by its number in the file. Empty
+// lines do nothing and are left out.
+void note(int number, QmailLineKind kind, const char *word) {
+    if (kind != EmptyLine)
+        runRecordAdd(RUN_QMAIL, std::to_string(number).c_str(), "%s:%s", qmailLineKindName(kind), word);
+}
+
 int processOpenFile(FILE *file, const char *fileName, bool executable, const char *messagePath,
                     const char *sender, const char *recipient, const char *workDir) {
     deliveryManager manager(messagePath, sender, recipient);
     int result = 0;
     std::string raw;
-    while (nextLine(file, raw)) {
-        if (manager.isDelivered(raw))
+    for (int number = 1; nextLine(file, raw); number++) {
+        if (manager.isDelivered(raw)) {
+            note(number, parseQmailLine(raw).kind, "skipped");
             continue;
+        }
         QmailLine line = parseQmailLine(raw);
         // An executable .qmail is how qmail marks a file meant for a different
         // agent; only the harmless kinds may run from it.
         if (executable && line.kind != ForwardLine && line.kind != EmptyLine) {
             fputs(".qmail has prog delivery but has x bit set. (#4.7.0)\n", stderr);
+            note(number, line.kind, "refused");
             result = DR_TEMPORARY;
             break;
         }
         result = carryOut(line, messagePath, sender, recipient, workDir);
+        note(number, line.kind, result == 0 ? "served" : result == DR_DELIVERED_SKIP_REST ? "stopped" : "failed");
         if (result != 0)
             break;
         manager.markDelivered(raw);
@@ -118,6 +130,11 @@ int processOpenFile(FILE *file, const char *fileName, bool executable, const cha
 }
 
 }  // namespace
+
+const char *qmailLineKindName(QmailLineKind kind) {
+    static const char *const kNames[] = {"forward", "program", "maildir", "mbox", "empty"};
+    return kNames[kind];
+}
 
 QmailLine parseQmailLine(const std::string &raw) {
     std::string text = trimmed(raw.substr(0, raw.find('#')));

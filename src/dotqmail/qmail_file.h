@@ -11,6 +11,8 @@ struct QmailLine {
 };
 
 QmailLine parseQmailLine(const std::string &raw);
+// "forward", "program", "maildir", "mbox" or "empty".
+const char *qmailLineKindName(QmailLineKind kind);
 
 // -1 refused, 0 acceptable, 1 acceptable but an execute bit is set.
 int checkQmailPermissions(const char *fileName);

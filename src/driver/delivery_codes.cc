@@ -5,6 +5,7 @@
 #include <cstdio>
 #include <cstdlib>
 
+#include "driver/run_record.h"
 #include "handlers/delivery_status.h"
 
 namespace {
@@ -82,6 +83,7 @@ ExitOutcome exitForDeliveryResult(int result) {
 }
 
 void exitWithStatus(int status, const char *text) {
+    runRecordFinish(status, text);
     if (text != nullptr && text[0] != '\0') {
         fputs(text, stdout);
         fputc('\n', stdout);

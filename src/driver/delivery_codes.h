@@ -28,5 +28,6 @@ ExitOutcome exitForDeliveryStatus(int status);
 // Exit status and text for the final DeliveryResult of a run.
 ExitOutcome exitForDeliveryResult(int result);
 
-// Writes text (when non-empty) and a newline to standard output, then exits.
+// Logs the run's summary line (once one was started), writes text (when
+// non-empty) and a newline to standard output, then exits.
 [[noreturn]] void exitWithStatus(int status, const char *text);

@@ -19,9 +19,11 @@
 #include "driver/delivery_codes.h"
 #include "driver/log.h"
 #include "driver/mailbox_dir.h"
+#include "driver/run_record.h"
 #include "dotqmail/qmail_file.h"
 #include "handlers/handler_pass.h"
 #include "spool/spool.h"
+#include "state/message_id.h"
 #include "store/lda.h"
 
 namespace {
@@ -94,6 +96,10 @@ void occupyStandardDescriptors() {
 }
 
 [[noreturn]] void finish(const char *spoolPath, ExitOutcome outcome) {
+    try {
+        runRecordMessageId(messageIdOf(spoolPath).c_str());
+    } catch (...) {  // the summary goes without it rather than the run without a status
+    }
     unlink(spoolPath);
     exitWithStatus(outcome.status, outcome.text);
 }
@@ -112,6 +118,7 @@ int main(int argc, char **argv) {
     logInit(nullptr, 6, LOG_MAIL, LOG_PID, kProgramName);
     CommandLine cmd = parseCommandLine(argc, argv);
     LogFunction(6, "%s: from=%s, to=%s, dirname=%s", kProgramName, cmd.sender, cmd.recipient, cmd.mailnamesDir);
+    runRecordStart(cmd.sender, cmd.recipient);
 
     if (strchr(cmd.recipient, '@') == nullptr) {
         LogFunction(19, "Invalid e-mail address - no domain part: %s", cmd.recipient);
@@ -141,6 +148,7 @@ int main(int argc, char **argv) {
     int status = mh_run_handlers(nullptr, addresses, nullptr, spoolPath, 2);
     if (status == DS_DISCARDED) {
         syslog(LOG_NOTICE, "message discarded by a mail handler");
+        runRecordOutcome("discarded");
         finish(spoolPath, {0, ""});
     }
     if (status != DS_OK)
@@ -153,6 +161,7 @@ int main(int argc, char **argv) {
     if (entered == MAILBOX_UNKNOWN) {
         // An unknown mailbox is not the transfer agent's problem to retry.
         syslog(19, "Unknown user: %s@%s", mailname, domain);
+        runRecordOutcome("unknown-user");
         finish(spoolPath, {0, ""});
     }
     // A tree that cannot be searched now: the mailbox may well be there.

@@ -147,15 +147,10 @@ int mh_get_sender_domain_handlers(sqlite3 *db, HandlerList *list, char **address
     return 0;
 }
 
-int mh_get_handlers(HandlerList *list, char **addresses, HandlerQueue queue) {
-    sqlite3 *db = mh_open_registry();
-    if (db == nullptr)
-        return -1;
+int mh_gather_handlers(sqlite3 *db, HandlerList *list, char **addresses, HandlerQueue queue) {
     int tuned = tune(db);
-    if (tuned < 0) {
-        mh_busy_close(db);
+    if (tuned < 0)
         return -1;
-    }
     // One read transaction over all the queries: the shared lock is taken and
     // the file's change counter looked at once instead of once per query, and
     // every getter reads the same state of a registry the panel may be
@@ -168,7 +163,15 @@ int mh_get_handlers(HandlerList *list, char **addresses, HandlerQueue queue) {
     mh_end_select_reuse();
     if (inTransaction)
         sqlite3_exec(db, "COMMIT", nullptr, nullptr, nullptr);
+    return tuned;
+}
+
+int mh_get_handlers(HandlerList *list, char **addresses, HandlerQueue queue) {
+    sqlite3 *db = mh_open_registry();
+    if (db == nullptr)
+        return -1;
+    int gathered = mh_gather_handlers(db, list, addresses, queue);
     if (mh_busy_close(db) != 0)
         return -1;
-    return tuned;
+    return gathered;
 }

@@ -16,6 +16,7 @@
 #include <unistd.h>
 
 #include "driver/log.h"
+#include "driver/run_record.h"
 #include "handlers/forkexec.h"
 #include "handlers/pass_steps.h"
 #include "handlers/registry.h"
@@ -68,10 +69,26 @@ bool keepOutcome(HandlerOutcomeList *outcomes, HandlerOutcome *outcome, const ch
     return true;
 }
 
-}  // namespace
+const char *verdictWord(HandlerVerdict verdict) {
+    switch (verdict) {
+    case PASS:
+        return "PASS";
+    case SKIP:
+        return "SKIP";
+    case STOP:
+        return "STOP";
+    case DEFER:
+        return "DEFER";
+    case REJECT:
+        return "REJECT";
+    default:
+        return "ERROR";
+    }
+}
 
-int mh_call_handler(const char *name, HandlerOutcomeList *outcomes, const char *spoolPath, const char *program,
-                    char **args, char **env) {
+// One run; verdict gets the handler's answer once there is one.
+int callHandler(const char *name, HandlerOutcomeList *outcomes, const char *spoolPath, const char *program,
+                char **args, char **env, HandlerVerdict &verdict) {
     char tmpPath[kPathBufferSize];
     int length = snprintf(tmpPath, sizeof tmpPath, "%s.tmp", spoolPath);
     if (length < 0 || static_cast<size_t>(length) >= sizeof tmpPath) {
@@ -94,7 +111,7 @@ int mh_call_handler(const char *name, HandlerOutcomeList *outcomes, const char *
     close(out);
 
     // Without an outcome there is no verdict to trust: the run failed.
-    HandlerVerdict verdict = outcome != nullptr ? outcome->verdict : ERROR;
+    verdict = outcome != nullptr ? outcome->verdict : ERROR;
     if (outcome != nullptr && outcomes != nullptr) {
         if (!keepOutcome(outcomes, outcome, name)) {
             mh_outcome_free(outcome);
@@ -131,6 +148,18 @@ int mh_call_handler(const char *name, HandlerOutcomeList *outcomes, const char *
         unlink(tmpPath);
         return DS_INTERNAL_ERROR;
     }
+}
+
+}  // namespace
+
+int mh_call_handler(const char *name, HandlerOutcomeList *outcomes, const char *spoolPath, const char *program,
+                    char **args, char **env) {
+    HandlerVerdict verdict = ERROR;
+    int status = callHandler(name, outcomes, spoolPath, program, args, env, verdict);
+    // A run that failed in any way (a PASS whose output could not be taken
+    // over included) counts as ERROR, as it does for the pass.
+    runRecordAdd(RUN_HANDLERS, name, "%s", status == DS_INTERNAL_ERROR ? "ERROR" : verdictWord(verdict));
+    return status;
 }
 
 int mh_run_for_recipients(char **addresses, char **args, const HandlerRecord *record, HandlerOutcomeList *outcomes,

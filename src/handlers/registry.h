@@ -15,6 +15,8 @@ const char *mh_get_db_path();
 // Negative: the registry could not be used at all. Otherwise the list holds
 // what could be gathered, possibly nothing.
 int mh_get_handlers(HandlerList *list, char **addresses, HandlerQueue queue);
+// The same over a connection the caller opened (read-only, say) and closes.
+int mh_gather_handlers(sqlite3 *db, HandlerList *list, char **addresses, HandlerQueue queue);
 
 // The five gatherings, each over the open connection; 0 or -1 (logged).
 int mh_get_recipient_handlers(sqlite3 *db, HandlerList *list, char **addresses, HandlerQueue queue);

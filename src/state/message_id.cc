@@ -13,35 +13,81 @@
 #include "state/message_id.h"
 
 #include <boost/algorithm/string.hpp>
-#include <fstream>
+#include <cerrno>
+#include <fcntl.h>
+#include <unistd.h>
 #include <locale>
 
 namespace {
 const char kHeaderName[] = "message-id:";
 const size_t kHeaderLength = sizeof(kHeaderName) - 1;
+
+// The classic C locale's rules spelled out, so that a run that reads only
+// this never pays for setting up the locale machinery.
+bool isSpace(char c) { return c == ' ' || (c >= '\t' && c <= '\r'); }
+
+bool isHeaderName(const std::string &start) {
+    for (size_t i = 0; i < kHeaderLength; i++) {
+        char c = start[i] >= 'A' && start[i] <= 'Z' ? static_cast<char>(start[i] - 'A' + 'a') : start[i];
+        if (c != kHeaderName[i])
+            return false;
+    }
+    return true;
+}
 }  // namespace
+
+std::string messageIdOf(const std::string &messagePath) {
+    // Plain reads rather than a stream: every run reads this for its summary
+    // line, and a stream's first use costs more than the whole scan. Lines
+    // that cannot decide are skipped, not kept, whatever their length.
+    int fd = open(messagePath.c_str(), O_RDONLY | O_CLOEXEC);
+    if (fd < 0)
+        return "";
+    enum { Start, Skip, Take } mode = Start;
+    std::string line;  // the current line's first bytes; all of the deciding one
+    char buffer[4096];
+    bool decided = false;
+    for (ssize_t n; !decided && (n = read(fd, buffer, sizeof buffer)) != 0;) {
+        if (n < 0 && errno == EINTR)
+            continue;
+        if (n < 0)  // as a stream would: a failed read ends the file
+            break;
+        for (ssize_t i = 0; i < n && !decided; i++) {
+            if (buffer[i] == '\n') {
+                // The first empty line ends the header without a Message-ID.
+                decided = mode == Take || (mode == Start && line.empty());
+                if (!decided) {
+                    mode = Start;
+                    line.clear();
+                }
+            } else if (mode != Skip) {
+                line += buffer[i];
+                if (mode == Start && line.size() == kHeaderLength)
+                    mode = isHeaderName(line) ? Take : Skip;
+            }
+        }
+    }
+    close(fd);
+    // A last line without a line feed counts like any other.
+    if (mode != Take)
+        return "";
+    size_t first = kHeaderLength, end = line.size();
+    while (end > first && isSpace(line[end - 1]))
+        end--;
+    while (first < end && isSpace(line[first]))
+        first++;
+    // A folded value leaves the header line blank; the continuation is
+    // deliberately not joined, and no later Message-ID line is consulted.
+    std::string value = line.substr(first, end - first);
+    return value.find('\0') == std::string::npos ? value : "";
+}
 
 bool readMessageId(const std::string &messagePath, const std::string &sender,
                    const std::string &recipient, std::string &key) {
-    const std::locale &c = std::locale::classic();
-    std::ifstream in(messagePath);
-    std::string line;
-    // An unopened stream fails the first getline, which is "not found".
-    while (std::getline(in, line)) {
-        if (line.empty())
-            return false;
-        boost::algorithm::to_lower(line, c);
-        if (line.size() < kHeaderLength || line.compare(0, kHeaderLength, kHeaderName) != 0)
-            continue;
-        std::string value = line.substr(kHeaderLength);
-        boost::algorithm::trim_right(value, c);
-        boost::algorithm::trim_left(value, c);
-        // A folded value leaves the header line blank; the continuation is
-        // deliberately not joined, and no later Message-ID line is consulted.
-        if (value.empty() || value.find('\0') != std::string::npos)
-            return false;
-        key = value + " " + sender + " " + recipient;
-        return true;
-    }
-    return false;
+    std::string value = messageIdOf(messagePath);
+    if (value.empty())
+        return false;
+    boost::algorithm::to_lower(value, std::locale::classic());
+    key = value + " " + sender + " " + recipient;
+    return true;
 }

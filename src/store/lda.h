@@ -5,6 +5,14 @@
 enum ServerType { SERVER_UNKNOWN = -1, SERVER_COURIER_IMAP = 0, SERVER_DOVECOT = 1 };
 
 ServerType detect_server_type();
+// What detection would find, without logging or remembering it. With
+// SERVER_UNKNOWN, *unusable names an agent that is present but not an
+// executable regular file, or is null when none is present.
+ServerType inspect_server_type(const char **unusable);
+// The remembered detection (SERVER_UNKNOWN before a successful one).
+ServerType cached_server_type();
+// The agent's program path; null for SERVER_UNKNOWN.
+const char *server_agent(ServerType type);
 bool is_inbox_folder(const char *folder);
 bool is_dot_folder(const char *folder);
 int build_maildir_path(char *buffer, unsigned long size, const char *mailname, const char *domain);

@@ -22,6 +22,7 @@
 
 #include "driver/log.h"
 #include "driver/mailbox_dir.h"
+#include "driver/run_record.h"
 #include "paths.h"
 #include "store/lda.h"
 #include "util/spawn.h"
@@ -114,6 +115,8 @@ int lda_deliver_file(const char *path, const char *recipient, const char *folder
         return -1;
     }
     int result = lda_deliver_fd(fd, recipient, folder);
+    const char *agent = server_agent(cached_server_type());
+    runRecordAdd(RUN_STORE, agent != nullptr ? agent : "none", "%d", result);
     if (result != 0)
         LogFunction(6, "Mail delivery from '%s' to '%s' into 'INBOX%s' failed with return code %d", path, recipient,
                     is_inbox_folder(folder) ? "" : folder, result);
