@@ -1,29 +1,36 @@
 """The delivery as the transfer agent sees it: one row per case (fixture, command line, input) with the exit status,
 status line, log lines and stores it must leave. Cases that need more than one run follow the table."""
-import os, sqlite3, subprocess, time
+import fcntl, json, os, re, resource, sqlite3, subprocess, sys, time
 from harness import BIN, MSG, KEY, R, S, SPOOL, STATE, REGISTRY, check, expect, main
+from sweeps import JOB, job
 
 P = "{p}"  # the mailnames directory, in args
+READ = "4.6.0 Unable to read message content\n"
+LDA = "/usr/libexec/dovecot/dovecot-lda"
+EXPLAIN = os.path.join(os.path.dirname(BIN), "ferndrop-explain")
+STRACE = ["strace", "-o", "/dev/null", "-e"]
+FSIZE = lambda: resource.setrlimit(resource.RLIMIT_FSIZE, (1 << 20, resource.RLIM_INFINITY))
 USAGE = '5 ferndrop usage: ferndrop -f <sender> -d <recipient> -p <mailnames dir>'
 HOSTILE = b"Subject: \x00\xff\r\n\r\n\x00no final newline"
 STAMP = 'echo "X-$(basename $0): 1"; cat'  # a handler passing the message on under a header of its own
 
 
 def row(status, *logs, args=None, rcpt=R, msg=MSG, qmail=None, qmode=0o644, h=(), files=(), rm=(), env=(),
-        out=None, setup=lambda w: None, then=lambda w, r: None):
-    """One case; "{d}" in handler bodies and the .qmail stands for the case's own directory."""
+        out=None, pre=(), preexec=None, setup=lambda w: None, then=lambda w, r: None):
+    """One case; "{d}" in handler bodies, files and the .qmail stands for the case's own directory."""
     def case(w):
         for type_, address, body, *more in h:
             w.handler(type_, address, body.replace("{d}", w.dir), *more)
         for p, content, *mode in files:
-            w.write(p, content, *mode)
+            w.write(p.replace("{d}", w.dir), content.replace("{d}", w.dir) if isinstance(content, str) else content,
+                    *mode)
         if qmail is not None:
             w.write(".qmail", qmail.replace("{d}", w.dir), qmode)
         for p in rm:
             subprocess.run(["rm", "-rf", w.path(p)], check=True)
         setup(w)
         a = [x.replace(P, w.mailnames) for x in args] if args else None
-        r = w.run(a, msg=msg, rcpt=rcpt, env=env)
+        r = w.run(a, msg=msg, rcpt=rcpt, env=env, pre=pre, preexec=preexec, timeout=20)
         expect(r, status, *[l.replace(P, w.mailnames) for l in logs], out=out)
         then(w, r)
     return case
@@ -52,6 +59,25 @@ def forward_env(w, r):
     check(c["argv"] == f"-i\n-bm\n-f\n{S}\n-t\n" and c["stdin"] == MSG and c["fds"] == "0 1 2 ", f"call {c}")
     check(f"QX_SENDER_EMAIL={R}\n" in c["env"] and f"DELIVERED_TO={R}\n" in c["env"], c["env"])
     check(w.read("before") == "[preset]\n" and w.read("after") == "[unset]\n", "QX_SENDER_EMAIL around the forward")
+
+
+def summary(*items):
+    """A check that the run ends with the summary line made of these key=value items."""
+    def then(w, r):
+        last = re.sub(r" duration_ms=\d+$", "", r.log[-1])
+        check(last == "6 " + " ".join(items), f"summary {last!r}", r)
+    return then
+
+
+def known(w, r):
+    check(not [l for l in r.log if "Unknown user" in l], "dropped as an unknown user", r)
+
+
+def stopped_agent_reaped(w, r):
+    pid = int(w.read(w.dir + "/pid"))
+    alive = os.path.exists(f"/proc/{pid}") and open(f"/proc/{pid}/stat").read().split()[2] != "Z"
+    os.kill(pid, 9) if alive else None
+    check(not alive, "the stopped agent was left behind")
 
 
 def agent_call(w, r):
@@ -120,6 +146,42 @@ CASES = {
     "torn_state_database": row(0, f"3 init: cannot open delivery database {STATE}: invalid meta data",
                                files=[(STATE, "HDB\x00garbage" * 100)], qmail="./Maildir/\n",
                                then=lambda w, r: check(len(new(w)) == 1, "not delivered")),
+    # Faults that once dropped, bounced, hung or duplicated mail
+    "file_size_limit_mbox": row(75, "3 Unable to write data to mailbox: File too large\n", qmail="./mbox\n",
+                                files=[("mbox", "o" * 1040000)], msg="S: x\n\n" + "b" * 20000, preexec=FSIZE,
+                                then=lambda w, r: check(os.path.getsize(w.path("mbox")) == 1040000, "no rollback")),
+    "file_size_limit_spool": row(75, "3 Unable to read message from stdin", msg="b" * 1100000, preexec=FSIZE, out=READ),
+    "stdin_closed": row(75, "3 Unable to read message from stdin", preexec=lambda: os.close(0), out=READ),
+    "stdout_stderr_closed": row(75, qmail="&bob@example.net\n./missing/mbox\n", out="",
+                                preexec=lambda: (os.close(1), os.close(2)),
+                                then=lambda w, r: check([c["fds"] for c in w.calls()] == ["0 1 2 "], "descriptors")),
+    "qmail_fifo": row(75, "3 File .qmail is not a regular file\n", "3 Wrong permissions for .qmail",
+                      setup=lambda w: os.mkfifo(w.path(".qmail"), 0o644), then=lambda w, r: check(not w.calls(LDA), "")),
+    "mbox_fifo": row(75, "3 Unable to open ./mbox: not a regular file. (#4.2.1)\n", qmail="./mbox\n",
+                     setup=lambda w: os.mkfifo(w.path("mbox"), 0o644)),
+    "mailnames_missing": row(75, "3 cannot chdir to mailnames dir /none: No such file or directory", then=known,
+                             args=["-f", S, "-d", R, "-p", "/none"]),
+    "agent_missing": row(75, "3 Unable to detect IMAP/POP3 server type - no LDA found", setup=lambda w: os.unlink(LDA)),
+    "agent_killed": row(75, files=[(LDA, "#!/bin/sh\ncat > /dev/null; kill -9 $$\n", 0o755)]),
+    "agent_stopped": row(75, files=[(LDA, "#!/bin/sh\necho $$ > {d}/pid; exec >&- 2>&-; kill -STOP $$\n", 0o755)],
+                         then=stopped_agent_reaped),
+    "qmail_empty_means_inbox": row(0, qmail="", then=lambda w, r: check(len(w.calls(LDA)) == 1, "not in INBOX")),
+    "handler_long_line_forges_nothing": row(0, qmail="./Maildir/\n", files=[("{d}/echoed", "S: " + "x" * 4092 +
+                                                                               "STOP forged\n")],
+                                            h=[(4, "all", "cat {d}/echoed >&2; exec cat")],
+                                            then=lambda w, r: check(new(w) == [MSG], "discarded by a forged STOP")),
+    "handler_nul_hides_nothing": row(69, qmail="./Maildir/\n", files=[("{d}/answer", "x\0y\nREJECT 5.7.1 spam\n")],
+                                     h=[(4, "all", "cat {d}/answer >&2")]),
+    "forward_option_refused": row(75, "3 Unable to forward original message: destination -oQ/tmp/x starts with '-'",
+                                  qmail="&-oQ/tmp/x\n", then=lambda w, r: check(not w.calls(), "sendmail ran")),
+    # The summary line, one per outcome
+    "summary_bounced": row(71, qmail="./mbox\n|exit 100\n", h=[(4, "all", "echo SKIP >&2")], then=summary(
+        f"to={R} from={S} message_id=<Job.1@Example.ORG> outcome=bounced status=71 code=5.7.1 handlers=h1:SKIP",
+        "qmail=1:mbox:served,2:program:failed")),
+    "summary_discarded": row(0, h=[(4, "all", "echo STOP >&2")], then=summary(
+        f"to={R} from={S} message_id=<Job.1@Example.ORG> outcome=discarded status=0 code=2.0.0 handlers=h1:STOP")),
+    "summary_unknown_user": row(0, rcpt="bob@example.com", then=summary(
+        f"to=bob@example.com from={S} message_id=<Job.1@Example.ORG> outcome=unknown-user status=0 code=2.0.0")),
     # The store's delivery agent for INBOX
     "inbox_through_agent": row(0, rcpt="Alice@Example.COM", then=agent_call),
     "agent_over_quota": row(77, files=[("/usr/libexec/dovecot/dovecot-lda", "#!/bin/sh\nexit 77\n", 0o755)]),
@@ -184,7 +246,96 @@ def locked_registry_is_waited_for(w):
     delivered(w, "X-h1: 1\n" + MSG)
 
 
-CASES.update(retry_skips_served_lines=retry_skips_served_lines, locked_registry=locked_registry_is_waited_for)
+def sigpipe_on_stderr(w):
+    """Standard error a pipe nobody reads: the served forward is still recorded, so the retry does not repeat it."""
+    def reader_gone():
+        r, wr = os.pipe()
+        os.dup2(wr, 2), os.close(r), os.close(wr)
+    w.write(".qmail", "&bob@example.net\n./missing/mbox\n")
+    expect(w.run(preexec=reader_gone), 75)
+    os.mkdir(w.path("missing"))
+    expect(w.run(), 0)
+    check(len(w.calls()) == 1 and w.read("missing/mbox") == MSG + "\n", "forwarded again")
+
+
+def state_database_bounded(w):
+    """A lock on the delivery-state database that never goes (a looping reader holds it) costs seconds, not mail."""
+    w.write(".qmail", "./Maildir/\n./missing/mbox\n")
+    subprocess.run(["tchmgr", "create", STATE], check=True)
+    with open(STATE, "rb") as db:
+        fcntl.lockf(db, fcntl.LOCK_SH)
+        expect(w.run(timeout=30), 75, f"3 save: cannot open delivery database {STATE}: timed out")
+    check(len(new(w)) == 1, "maildir copy")
+
+
+def fork_fails(w):
+    w.write(".qmail", "./Maildir/\n&bob@example.net\n")
+    expect(w.run(pre=STRACE + ["trace=vfork", "-e", "inject=vfork:error=EAGAIN:when=1"]), 75,
+           "3 fork_execv_pipes: fork() failed: Resource temporarily unavailable")
+    check(w.record() == "./Maildir/\n", "record")
+    expect(w.run(), 0)
+    check(len(new(w)) == 1 and len(w.calls()) == 1, "copies after the retry")
+
+
+def explain(w):
+    """The whole job with a pending record from a failed attempt: ferndrop-explain names what a delivery would meet
+    and changes nothing; then the deferred and delivered runs' summary lines."""
+    job(w)
+    for row_ in [(2, 1, 0, "vacation", R, "/usr/local/bin/v"), (2, 1, 1, "legacy", "Alice@Example.com", "/l"),
+                 (1, 4, 1, "queue-one", "all", "/q")]:
+        with sqlite3.connect(REGISTRY) as db:
+            db.execute("INSERT INTO handlers VALUES (?,?,?,5,?,?,?,'',0)", row_)
+    os.rename(w.path("Maildir"), w.path("Mail"))
+    key = f"message_id=<fault.1@example.org>"
+    summary(f"to={R} from={S} {key} outcome=deferred status=75 code=4.2.1 handlers=h1:PASS,h2:SKIP",
+            "qmail=1:forward:served,2:program:served,3:maildir:failed")(w, w.run(msg=JOB))
+    os.rename(w.path("Mail"), w.path("Maildir"))
+    w.write(w.dir + "/m", JOB)
+    snap = "find / -xdev -path /proc -prune -o -newer {d}/m -print; find {d} /usr/local/qrn /var/lib/kavra -type f " \
+           "-exec sha256sum {{}} +".format(d=w.dir)
+    before = subprocess.run(snap, shell=True, capture_output=True, text=True).stdout
+    args = ["-f", S, "-d", R, "-p", w.mailnames]
+    out = w.run(args + [w.dir + "/m"], bin=EXPLAIN)
+    check(out.status == 0 and not out.log and len(w.calls()) == 1 and not os.listdir(SPOOL), "explain ran", out)
+    check(subprocess.run(snap, shell=True, capture_output=True, text=True).stdout == before, "explain changed files")
+    text = out.out.replace(w.dir, "{d}")
+    for want in ["1  recipient-domain  h1    ctx      example.com  {d}/handlers/h1",
+                 "2  global            h2    ctx      all          {d}/handlers/h2",
+                 "- recipient legacy (address Alice@Example.com, program /l): address differs from alice@example.com "
+                 "only in letter case", "- recipient vacation (address alice@example.com, program /usr/local/bin/v): "
+                 "disabled (enabled is 0)", "queue 1, deliveries read queue 2", "domain example.com: exact name",
+                 "delivery-state key: <fault.1@example.org> sender@example.org alice@example.com",
+                 "1     forward  served      skipped: already served  bob@example.net",
+                 "3     maildir  not served  runs                     ./Maildir/", ".qmail: mode 0644, permissions "
+                 "accepted, no execute bit", "store: not used (the mailbox has a .qmail)"]:
+        check(want in text, f"explain lacks {want!r}:\n{text}")
+    lines = json.loads(w.run(args + ["--json", w.dir + "/m"], bin=EXPLAIN).out)["qmail"]["lines"]
+    check([l["state"] for l in lines] == ["served", "served", "not-served", "not-served"], f"json {lines}")
+    check("1     forward  needs message  runs" in w.run(args, bin=EXPLAIN).out, "no message file")
+    summary(f"to={R} from={S} {key} outcome=delivered status=0 code=2.0.0 handlers=h1:PASS,h2:SKIP",
+            "qmail=1:forward:skipped,2:program:skipped,3:maildir:served,4:mbox:served")(w, w.run(msg=JOB))
+
+
+def maildir_new_synced(w):
+    """Exit 0 means the message is in new on disk: a failed sync of new defers, and the retry stores one copy."""
+    w.write(".qmail", "./Maildir/\n")
+    noid = "Subject: x\n\nbody\n"
+    expect(w.run(msg=noid, pre=STRACE + ["trace=fsync", "-e", "inject=fsync:error=EIO:when=3"]), 75,
+           "3 System error: Input/output error\n")
+    check(not new(w), "left in new")
+    expect(w.run(msg=noid), 0)
+    check(len(new(w)) == 1, "copies after the retry")
+
+
+CASES.update(retry_skips_served_lines=retry_skips_served_lines, locked_registry=locked_registry_is_waited_for,
+             sigpipe_on_stderr=sigpipe_on_stderr, state_database_bounded=state_database_bounded, explain=explain)
+# Under strace: the release build only (the sanitizer runtime makes system calls of its own).
+TRACED = {"fork_fails": fork_fails, "maildir_new_synced": maildir_new_synced,
+          "domain_unreadable": row(75, "3 cannot chdir to domain dir example.com: Permission denied", then=known,
+                                   pre=STRACE + ["trace=chdir", "-e", "inject=chdir:error=EACCES:when=2"]),
+          "listing_unreadable": row(75, "3 cannot readdir '.': Input/output error", rcpt="alice@EXAMPLE.COM",
+                                    then=known, pre=STRACE + ["trace=getdents64", "-e", "inject=getdents64:error=EIO"])}
 
 if __name__ == "__main__":
-    main(CASES)
+    traced = sys.argv[2:] == ["traced"]
+    main(TRACED if traced else CASES, list(TRACED) if traced else sys.argv[2:] or list(CASES))

@@ -2,7 +2,7 @@
 private mount namespace. /tmp is a tmpfs of the namespace, every case gets
 fresh overlays over the system directories the delivery path touches, and a
 socket at /dev/log catches the syslog lines. The host keeps nothing."""
-import ctypes, glob, os, queue, shutil, socket, sqlite3, subprocess, sys, tempfile, threading
+import ctypes, glob, os, queue, re, shutil, socket, sqlite3, subprocess, sys, tempfile, threading
 
 BIN = os.path.abspath(sys.argv[1])
 S, R = "sender@example.org", "alice@example.com"
@@ -54,9 +54,8 @@ def drain():
     with socket.socket(socket.AF_UNIX, socket.SOCK_DGRAM) as s:
         s.sendto(end.encode(), "/dev/log")
     for d in iter(lines.get, end):
-        pri, rest = int(d[1:d.index(">")]), d[d.index(">") + 17:]
-        ident, text = rest.split(": ", 1)
-        out.append(f"{pri & 7} {text}" if pri >> 3 == 2 and ident.startswith("ferndrop[") else f"foreign {d}")
+        m = re.match(r"<(\d+)>.{15} ferndrop\[\d+\]: (.*)", d, re.S)
+        out.append(f"{int(m[1]) & 7} {m[2]}" if m and int(m[1]) >> 3 == 2 else f"foreign {d}")
     return out
 
 
@@ -142,11 +141,12 @@ class World:
                        " VALUES (2,?,?,?,?,?,?,?)", (type_, enabled, prio, name, address,
                                                      f"{self.dir}/handlers/{name}", ctx))
 
-    def run(self, args=None, msg=MSG, env=(), pre=(), rcpt=R, timeout=60, stdin=None):
+    def run(self, args=None, msg=MSG, env=(), pre=(), rcpt=R, timeout=60, preexec=None, bin=BIN):
+        """ferndrop (or bin) with signal dispositions at their defaults; preexec sets up odd descriptors or limits."""
         drain()
-        argv = [*pre, BIN, *(args if args is not None else ["-f", S, "-d", rcpt, "-p", self.mailnames])]
-        p = subprocess.run(argv, input=None if stdin else msg.encode() if isinstance(msg, str) else msg,
-                           stdin=stdin, capture_output=True, timeout=timeout, cwd=self.dir,
+        argv = [*pre, bin, *(args if args is not None else ["-f", S, "-d", rcpt, "-p", self.mailnames])]
+        p = subprocess.run(argv, input=msg.encode() if isinstance(msg, str) else msg, preexec_fn=preexec,
+                           capture_output=True, timeout=timeout, cwd=self.dir,
                            env={"PATH": "/usr/bin:/bin:/usr/sbin:/sbin", "HOME": "/root", **dict(env)})
         return Result(p, drain())
 
@@ -172,10 +172,9 @@ def expect(r, status, *logs, out=None):
     check(not left, f"spool left: {left}", r)
 
 
-def main(cases):
-    """Runs the named cases (all without names), each in a world of its own; prints the closing count."""
+def main(cases, names):
+    """Runs the named cases, each in a world of its own; prints the closing count."""
     enter_namespace()
-    names = sys.argv[2:] or list(cases)
     failed = 0
     for name in names:
         w = World()

@@ -170,4 +170,4 @@ def load(w):
 
 
 if __name__ == "__main__":
-    main({"faults": faults, "crashes": crashes, "full_disks": full_disks, "load": load})
+    main({"faults": faults, "crashes": crashes, "full_disks": full_disks, "load": load}, sys.argv[2:])
