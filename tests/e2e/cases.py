@@ -291,8 +291,8 @@ def explain(w):
             "qmail=1:forward:served,2:program:served,3:maildir:failed")(w, w.run(msg=JOB))
     os.rename(w.path("Mail"), w.path("Maildir"))
     w.write(w.dir + "/m", JOB)
-    snap = "find / -xdev -path /proc -prune -o -newer {d}/m -print; find {d} /usr/local/qrn /var/lib/kavra -type f " \
-           "-exec sha256sum {{}} +".format(d=w.dir)
+    snap = "find {d} /usr/local/qrn /var/lib/kavra -printf '%p %m %s %T@\\n'; find {d} /usr/local/qrn /var/lib/kavra " \
+           "-type f -exec sha256sum {{}} +".format(d=w.dir)
     before = subprocess.run(snap, shell=True, capture_output=True, text=True).stdout
     args = ["-f", S, "-d", R, "-p", w.mailnames]
     out = w.run(args + [w.dir + "/m"], bin=EXPLAIN)
