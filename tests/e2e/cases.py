@@ -199,6 +199,9 @@ CASES = {
                                                          'echo "$DELIVERED_TO"; cat; echo SKIP >&2', 0, 1, "the ctx")],
                             then=lambda w, r: delivered(w, MSG) or check(w.read(w.dir + "/seen") == (
                                 f"{w.dir}/handlers/h1|the ctx|{S}|{R}|"), "argv")),
+    "handler_output_kept_private": row(0, h=[(1, R, STAMP, 1),
+                                             (1, R, "stat -Lc %a /proc/$$/fd/0 > {d}/mode; echo SKIP >&2", 2)],
+                                       then=lambda w, r: check(w.read(w.dir + "/mode") == "600\n", "spool mode")),
     "handler_skip_blank_passes": row(0, qmail="|cat > out\n", h=[(1, R, "echo junk; echo SKIP >&2", 1),
                                                                  (1, R, "echo X-B: 1; cat; echo 'SKIP ' >&2", 2)],
                                      then=lambda w, r: delivered(w, "X-B: 1\n" + MSG)),
