@@ -6,7 +6,7 @@ from sweeps import JOB, job
 
 P = "{p}"  # the mailnames directory, in args
 READ = "4.6.0 Unable to read message content\n"
-LDA = "/usr/libexec/dovecot/dovecot-lda"
+LDA, COURIER = "/usr/libexec/dovecot/dovecot-lda", "/usr/bin/deliverquota"
 EXPLAIN = os.path.join(os.path.dirname(BIN), "ferndrop-explain")
 STRACE = ["strace", "-o", "/dev/null", "-e"]
 FSIZE = lambda: resource.setrlimit(resource.RLIMIT_FSIZE, (1 << 20, resource.RLIM_INFINITY))
@@ -118,6 +118,7 @@ CASES = {
     "all_line_kinds": row(0, qmail="# note\n\n  \t \n&  spaced@example.net\nplain@example.net   # note\ndir/\n"
                              "|   cat > out   \n./Maildir/\n./mbox\n{d}/abs.mbox", then=deliver_all),
     "forward_environment": row(0, env=[("QX_SENDER_EMAIL", "preset")], then=forward_env,
+                               pre=["sh", "-c", 'exec 7>&2 "$@"', "-"],  # a descriptor the transfer agent left open
                                qmail='|echo "[${QX_SENDER_EMAIL-unset}]" > before\n&\n'
                                      '|echo "[${QX_SENDER_EMAIL-unset}]" > after\n'),
     "sendmail_fails": row(75, "3 Unable to forward original message. sendmail status: 75",
@@ -184,6 +185,17 @@ CASES = {
         f"to=bob@example.com from={S} message_id=<Job.1@Example.ORG> outcome=unknown-user status=0 code=2.0.0")),
     # The store's delivery agent for INBOX
     "inbox_through_agent": row(0, rcpt="Alice@Example.COM", then=agent_call),
+    "courier_preferred_store_path": row(0, rcpt="Alice@Example.COM", setup=lambda w: w.recorder(COURIER), files=[
+        ("/etc/qrn/qrn.conf", "KAVRA_MAILNAMES_D /old\n# moved\nKAVRA_MAILNAMES_D\t/srv/store  # here\n")],
+        then=lambda w, r: check([c["argv"] for c in w.calls(COURIER)] == ["/srv/store/Example.COM/Alice/Maildir\n"]
+                                and not w.calls(LDA), "agent")),
+    "courier_store_path_too_long": row(71, setup=lambda w: w.recorder(COURIER), files=[
+        ("/etc/qrn/qrn.conf", "KAVRA_MAILNAMES_D /" + "r" * 4070 + "\n")],
+        then=lambda w, r: check(not w.calls(COURIER), "a cut path was used")),
+    "agent_not_a_file": row(75, "3 Unable to detect IMAP/POP3 server type - LDA is present at '/usr/libexec/dovecot/"
+                                "dovecot-lda' but is not a regular file or is not executable",
+                            setup=lambda w: (os.unlink(LDA), os.mkdir(LDA))),
+    "program_line_8194": row(0, qmail="|: " + "x" * 8192 + "\n"),
     "agent_over_quota": row(77, files=[("/usr/libexec/dovecot/dovecot-lda", "#!/bin/sh\nexit 77\n", 0o755)]),
     "agent_permanent": row(71, files=[("/usr/libexec/dovecot/dovecot-lda", "#!/bin/sh\nexit 65\n", 0o755)]),
     "agent_temporary": row(75, files=[("/usr/libexec/dovecot/dovecot-lda", "#!/bin/sh\nexit 75\n", 0o755)]),
@@ -247,6 +259,16 @@ def locked_registry_is_waited_for(w):
     db.execute("COMMIT")
     check(p.wait(30) == 0, "failed after the lock went")
     delivered(w, "X-h1: 1\n" + MSG)
+
+
+def setup_layout(w):
+    """ferndrop-setup lays out a private spool, a readable registry directory and the registry's group."""
+    setup = os.path.join(os.path.dirname(BIN), "ferndrop-setup")
+    check(subprocess.run([setup, "--root", w.dir + "/root", "--user", "popuser"], capture_output=True).returncode == 0,
+          "setup failed")
+    modes = {p: oct(os.stat(w.dir + "/root" + p).st_mode & 0o7777) for p in (SPOOL, os.path.dirname(REGISTRY),
+                                                                           REGISTRY, os.path.dirname(STATE))}
+    check(list(modes.values()) == ["0o750", "0o755", "0o640", "0o750"], f"modes {modes}")
 
 
 def sigpipe_on_stderr(w):
@@ -330,7 +352,7 @@ def maildir_new_synced(w):
     check(len(new(w)) == 1, "copies after the retry")
 
 
-CASES.update(retry_skips_served_lines=retry_skips_served_lines, locked_registry=locked_registry_is_waited_for,
+CASES.update(retry_skips_served_lines=retry_skips_served_lines, setup_layout=setup_layout, locked_registry=locked_registry_is_waited_for,
              sigpipe_on_stderr=sigpipe_on_stderr, state_database_bounded=state_database_bounded, explain=explain)
 # Under strace: the release build only (the sanitizer runtime makes system calls of its own).
 TRACED = {"fork_fails": fork_fails, "maildir_new_synced": maildir_new_synced,
