@@ -224,10 +224,13 @@ CASES = {
     "handler_defer": row(75, h=[(1, R, "echo 'DEFER 4.2.2' >&2; exit 1")], out="4.4.5 Mail system is congested\n"),
     "handler_reject": row(69, h=[(1, R, "echo REJECT >&2; exit 1")]),
     "handlers_broken_passed_over": row(0, "3 Error during 'h1' handler", "3  said", "3 Error during 'h2' handler",
-                                       "3 Error during 'h3' handler", qmail="|cat > out\n", h=[
+                                       "3 Error during 'h3' handler", "3 Error during 'gone' handler",
+                                       qmail="|cat > out\n", h=[
                                            (1, R, "echo partial; echo 'LOG said' >&2; exit 3", 1),
                                            (1, R, "echo partial; echo STOP >&2; kill -9 $$", 2),
                                            (1, R, "exit 255", 3), (1, R, STAMP, 4, 1, "c", "good")],
+                                       setup=lambda w: sqlite3.connect(REGISTRY, isolation_level=None).execute(
+                                           "INSERT INTO handlers VALUES (2,1,1,3,'gone',?,'/none','',0)", (R,)),
                                        then=lambda w, r: delivered(w, "X-good: 1\n" + MSG)),
     "registry_without_table": row(0, qmail="|cat > out\n", files=[(REGISTRY, b"")],
                                   then=lambda w, r: delivered(w, MSG)),
