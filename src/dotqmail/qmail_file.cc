@@ -12,14 +12,12 @@
 // out of here.
 #include "dotqmail/qmail_file.h"
 
-#include <boost/algorithm/string.hpp>
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <fcntl.h>
 #include <libgen.h>
-#include <locale>
 #include <memory>
 #include <new>
 #include <sys/stat.h>
@@ -30,12 +28,9 @@
 #include "driver/log.h"
 #include "driver/run_record.h"
 #include "state/delivery_state.h"
+#include "util/text.h"
 
 namespace {
-
-std::string trimmed(const std::string &text) {
-    return boost::algorithm::trim_copy(text, std::locale::classic());
-}
 
 struct FileCloser {
     void operator()(FILE *f) const { fclose(f); }

@@ -11,11 +11,9 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <boost/algorithm/string/trim.hpp>
 #include <cerrno>
 #include <climits>
 #include <cstring>
-#include <locale>
 #include <map>
 #include <set>
 
@@ -26,13 +24,13 @@
 #include "state/delivery_record.h"
 #include "state/message_id.h"
 #include "store/lda.h"
+#include "util/text.h"
 
 namespace {
 
 const size_t kMaxRecipient = 501;
 const char kTryLater[] = "4.2.1";
 
-std::string trimmed(const std::string &text) { return boost::algorithm::trim_copy(text, std::locale::classic()); }
 
 std::string currentDirName() {
     char buffer[PATH_MAX];

@@ -25,12 +25,9 @@
 #include <unistd.h>
 
 #include "driver/log.h"
+#include "util/text.h"
 
 namespace {
-
-std::string trimmed(const std::string &line) {
-    return boost::algorithm::trim_copy(line, std::locale::classic());
-}
 
 const char *lastError(TCHDB *hdb) { return tchdberrmsg(tchdbecode(hdb)); }
 
