@@ -22,6 +22,7 @@
 #include "driver/main_exits.h"
 #include "driver/run_record.h"
 #include "dotqmail/qmail_file.h"
+#include "handlers/addresses.h"
 #include "handlers/handler_pass.h"
 #include "spool/spool.h"
 #include "state/message_id.h"
@@ -30,7 +31,6 @@
 namespace {
 
 const char kProgramName[] = "ferndrop";
-const size_t kRecipientBufferSize = 502;
 
 struct CommandLine {
     const char *sender = nullptr;
@@ -125,13 +125,13 @@ int main(int argc, char **argv) {
         LogFunction(19, "Invalid e-mail address - no domain part: %s", cmd.recipient);
         exitWith(kExitBadDestination);
     }
-    if (strlen(cmd.recipient) + 1 > kRecipientBufferSize) {
+    if (strlen(cmd.recipient) + 1 > kAddressBufferSize) {
         LogFunction(19, "Invalid e-mail address - too long: %s", cmd.recipient);
         exitWith(kExitBadDestination);
     }
-    char recipientCopy[kRecipientBufferSize];
-    strncpy(recipientCopy, cmd.recipient, kRecipientBufferSize - 1);
-    recipientCopy[kRecipientBufferSize - 1] = '\0';
+    char recipientCopy[kAddressBufferSize];
+    strncpy(recipientCopy, cmd.recipient, kAddressBufferSize - 1);
+    recipientCopy[kAddressBufferSize - 1] = '\0';
 
     if (setenv("DELIVERED_TO", cmd.recipient, 1) != 0) {
         LogFunction(19, "Unable to set environment variable: %s\n", strerror(errno));

@@ -20,6 +20,7 @@
 #include "dotqmail/qmail_file.h"
 #include "driver/mailbox_dir.h"
 #include "explain/explain.h"
+#include "handlers/addresses.h"
 #include "paths.h"
 #include "state/delivery_record.h"
 #include "state/message_id.h"
@@ -28,7 +29,6 @@
 
 namespace {
 
-const size_t kMaxRecipient = 501;
 const char kTryLater[] = "4.2.1";
 
 
@@ -228,7 +228,7 @@ Explanation explain(const std::string &sender, const std::string &recipient, con
                     const std::optional<std::string> &messageFile) {
     Explanation e{sender, recipient, mailnames, messageFile, "", "", "", {}, {}, {}, {}, {}};
     size_t at = recipient.find('@');
-    if (at == std::string::npos || recipient.size() > kMaxRecipient) {
+    if (at == std::string::npos || recipient.size() + 1 > kAddressBufferSize) {
         e.ending = Ending{"recipient", "bounced", 65, "5.1.3",
                           at == std::string::npos ? "Invalid e-mail address - no domain part: " + recipient
                                                   : "Invalid e-mail address - too long: " + recipient};

@@ -10,6 +10,7 @@
 #include <sqlite3.h>
 
 #include "driver/log.h"
+#include "handlers/addresses.h"
 #include "handlers/busy_retry.h"
 #include "handlers/registry.h"
 #include "handlers/registry_connection.h"
@@ -17,9 +18,6 @@
 namespace {
 
 const char kTuning[] = "PRAGMA temp_store=MEMORY;PRAGMA read_uncommitted=1;PRAGMA cache_size=10000;";
-const int kFirstRecipient = 3;
-// Recipients are read from positions 3 up to this bound (exclusive).
-const int kAddressBound = 16384;
 
 typedef int (*HandlerGetter)(sqlite3 *db, HandlerList *list, char **addresses, HandlerQueue queue);
 
@@ -36,21 +34,6 @@ const HandlerGetter kGatheringOrders[2][kGettersPerOrder] = {
 
 HandlerRecord keyRecord(MH_TYPE type, HandlerQueue queue, const char *address) {
     return HandlerRecord{0, type, queue, nullptr, const_cast<char *>(address), nullptr, nullptr, true};
-}
-
-// The sender, or null when the vector ends before it.
-const char *senderOf(char **addresses) {
-    if (addresses == nullptr || addresses[0] == nullptr || addresses[1] == nullptr)
-        return nullptr;
-    return addresses[2];
-}
-
-// Recipient at position i, or null at the bound. Callers walk i upwards from
-// the first recipient and stop at the first null, the vector's end.
-const char *recipientAt(char **addresses, int i) {
-    if (i >= kAddressBound || senderOf(addresses) == nullptr)
-        return nullptr;
-    return addresses[i];
 }
 
 // Applies the tuning statements one by one. Returns the last library answer,

@@ -17,6 +17,7 @@
 
 #include "driver/log.h"
 #include "driver/run_record.h"
+#include "handlers/addresses.h"
 #include "handlers/forkexec.h"
 #include "handlers/pass_steps.h"
 #include "handlers/registry.h"
@@ -24,18 +25,13 @@
 namespace {
 
 const size_t kPathBufferSize = 4096;
-const int kFirstRecipient = 3;
 const char kAllRecipients[] = "all-recipients";
 
 bool stopsThePass(int status) { return status == DS_DISCARDED || status == DS_REJECTED || status == DS_CONGESTED; }
 
-char *senderOf(char **addresses) { return addresses[0] && addresses[1] ? addresses[2] : nullptr; }
-
 int recipientCount(char **addresses) {
-    if (senderOf(addresses) == nullptr)
-        return 0;
     int n = 0;
-    while (addresses[kFirstRecipient + n] != nullptr)
+    while (recipientAt(addresses, kFirstRecipient + n) != nullptr)
         n++;
     return n;
 }
