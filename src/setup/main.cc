@@ -28,6 +28,7 @@
 #include "driver/log.h"
 #include "handlers/registry.h"
 #include "paths.h"
+#include "util/directories.h"
 
 namespace {
 
@@ -64,18 +65,12 @@ int run(const std::vector<std::string> &argv) {
 // mkdir -p; only the last component gets owner and mode, parents are left
 // (or made) root-owned 0755 like any system directory.
 bool directory(const std::string &path, uid_t uid, gid_t gid, mode_t mode) {
-    for (size_t pos = path.find('/', 1);; pos = path.find('/', pos + 1)) {
-        std::string prefix = path.substr(0, pos);
-        if (mkdir(prefix.c_str(), pos == std::string::npos ? mode : 0755) != 0 && errno != EEXIST) {
-            fprintf(stderr, "ferndrop-setup: mkdir %s: %s\n", prefix.c_str(), strerror(errno));
-            return false;
-        }
-        if (pos == std::string::npos)
-            break;
-    }
-    struct stat st;
-    if (stat(path.c_str(), &st) != 0 || !S_ISDIR(st.st_mode)) {
-        fprintf(stderr, "ferndrop-setup: %s is not a directory\n", path.c_str());
+    std::string failed;
+    if (makeDirectories(path, mode, &failed) != 0) {
+        if (errno == ENOTDIR && failed == path)
+            fprintf(stderr, "ferndrop-setup: %s is not a directory\n", path.c_str());
+        else
+            fprintf(stderr, "ferndrop-setup: mkdir %s: %s\n", failed.c_str(), strerror(errno));
         return false;
     }
     if (chown(path.c_str(), uid, gid) != 0 || chmod(path.c_str(), mode) != 0) {
