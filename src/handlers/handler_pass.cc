@@ -82,6 +82,22 @@ const char *verdictWord(HandlerVerdict verdict) {
     }
 }
 
+// What a verdict other than PASS makes of the message.
+int statusOf(HandlerVerdict verdict) {
+    switch (verdict) {
+    case SKIP:
+        return DS_OK;
+    case STOP:
+        return DS_DISCARDED;
+    case DEFER:
+        return DS_CONGESTED;
+    case REJECT:
+        return DS_REJECTED;
+    default:
+        return DS_INTERNAL_ERROR;
+    }
+}
+
 // One run; verdict gets the handler's answer once there is one.
 int callHandler(const char *name, HandlerOutcomeList *outcomes, const char *spoolPath, const char *program,
                 char **args, char **env, HandlerVerdict &verdict) {
@@ -118,32 +134,17 @@ int callHandler(const char *name, HandlerOutcomeList *outcomes, const char *spoo
         mh_outcome_free(outcome);
     }
 
-    switch (verdict) {
-    case PASS:
+    if (verdict == PASS) {
         LogFunction(7, "PASS during call '%s' handler", name);
         return mh_take_over_output(tmpPath, spoolPath);
-    case SKIP:
-        LogFunction(7, "SKIP during call '%s' handler", name);
-        unlink(tmpPath);
-        return DS_OK;
-    case STOP:
-        LogFunction(7, "STOP during call '%s' handler", name);
-        unlink(tmpPath);
-        return DS_DISCARDED;
-    case DEFER:
-        LogFunction(7, "DEFER during call '%s' handler", name);
-        unlink(tmpPath);
-        return DS_CONGESTED;
-    case REJECT:
-        LogFunction(7, "REJECT during call '%s' handler", name);
-        unlink(tmpPath);
-        return DS_REJECTED;
-    case ERROR:
-    default:
-        LogFunction(3, "Error during '%s' handler", name);
-        unlink(tmpPath);
-        return DS_INTERNAL_ERROR;
     }
+    int status = statusOf(verdict);
+    if (status == DS_INTERNAL_ERROR)
+        LogFunction(3, "Error during '%s' handler", name);
+    else
+        LogFunction(7, "%s during call '%s' handler", verdictWord(verdict), name);
+    unlink(tmpPath);
+    return status;
 }
 
 }  // namespace

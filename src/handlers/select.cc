@@ -119,13 +119,10 @@ int mh_select_handlers(sqlite3 *db, HandlerList *list, const HandlerRecord *key)
     if (!addressText(key, address))
         return -1;
 
-    sqlite3 *own = nullptr;
-    if (db == nullptr) {
-        own = mh_open_registry();
-        if (own == nullptr)
-            return -1;
-        db = own;
-    }
+    sqlite3 *own;
+    db = mh_given_or_own(db, &own);
+    if (db == nullptr)
+        return -1;
 
     int result = -1;
     bool reuse = own == nullptr && db == reused.db;
