@@ -24,7 +24,8 @@
 #include "paths.h"
 #include "state/delivery_record.h"
 #include "state/message_id.h"
-#include "store/lda.h"
+#include "store/mailbox_paths.h"
+#include "store/server_type.h"
 #include "util/text.h"
 
 namespace {

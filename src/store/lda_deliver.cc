@@ -1,16 +1,4 @@
-// Delivery of a spooled message into a mailbox's INBOX (or a "." folder)
-// through the installed IMAP/POP3 server's own delivery agent.
-//
-// Promises: the agent gets the message on descriptor 0, /dev/null on 1 (so
-// nothing it prints can be mistaken for our status line), our standard error
-// on 2, nothing else open, and our environment (DELIVERED_TO included). Its
-// exit status comes back unchanged so that the driver alone decides between
-// quota, permanent and temporary failure. An agent that is not installed or
-// not usable, could not be started, or was killed or stopped says nothing
-// about the message: that is LDA_TRY_LATER, a temporary failure, never a
-// bounce; a stopped agent is killed and reaped, so that it cannot keep our
-// standard error (the transfer agent's pipe) open. -1 is left for a delivery
-// that cannot be attempted at all. Nothing is printed on standard output.
+// Contract in store/lda.h.
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
@@ -25,6 +13,8 @@
 #include "driver/run_record.h"
 #include "paths.h"
 #include "store/lda.h"
+#include "store/mailbox_paths.h"
+#include "store/server_type.h"
 #include "util/spawn.h"
 
 namespace {
