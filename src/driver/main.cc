@@ -146,7 +146,7 @@ int main(int argc, char **argv) {
 
     char empty[] = "";
     char *addresses[] = {empty, empty, const_cast<char *>(cmd.sender), const_cast<char *>(cmd.recipient), nullptr};
-    int status = mh_run_handlers(nullptr, addresses, nullptr, spoolPath, 2);
+    int status = mh_run_handlers(nullptr, addresses, nullptr, spoolPath, MH_QUEUE_DELIVERY);
     if (status == DS_DISCARDED) {
         syslog(LOG_NOTICE, "message discarded by a mail handler");
         runRecordOutcome("discarded");

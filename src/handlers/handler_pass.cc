@@ -1,11 +1,4 @@
-// The handler pass: every handler that applies runs over the spool file in
-// the registry's run order; a passing handler's output becomes the message.
-//
-// Promises: handlers run one at a time, each seeing the output of every
-// earlier passing handler; the pass stops only for STOP (discarded), REJECT
-// (rejected) and DEFER (congested) - a broken handler is logged and passed
-// over, so one bad filter never holds mail back; the per-run ".tmp" file is
-// either renamed over the spool file or removed before the run returns.
+// Contract in handlers/handler_pass.h.
 #include "handlers/handler_pass.h"
 
 #include <cerrno>
