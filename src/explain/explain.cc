@@ -213,7 +213,7 @@ StoreLook lookAtStore(const std::string &recipient, const std::string &domain, c
         s.argv.insert(s.argv.end(), {"-d", recipient});
         return s;
     }
-    char maildir[4097];
+    char maildir[kStorePathBufferSize];
     if (build_maildir_path(maildir, sizeof maildir, mailname.c_str(), domain.c_str()) != 0) {
         s.problem = "the Maildir path is too long";
         ending = Ending{"store", "bounced", 71, "5.7.1", s.problem};

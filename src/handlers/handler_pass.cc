@@ -17,7 +17,8 @@
 
 namespace {
 
-const size_t kPathBufferSize = 4096;
+// The handler's output path: the spool path and ".tmp", terminator included.
+const size_t kTmpPathBufferSize = 4096;
 const char kAllRecipients[] = "all-recipients";
 
 bool stopsThePass(int status) { return status == DS_DISCARDED || status == DS_REJECTED || status == DS_CONGESTED; }
@@ -94,7 +95,7 @@ int statusOf(HandlerVerdict verdict) {
 // One run; verdict gets the handler's answer once there is one.
 int callHandler(const char *name, HandlerOutcomeList *outcomes, const char *spoolPath, const char *program,
                 char **args, char **env, HandlerVerdict &verdict) {
-    char tmpPath[kPathBufferSize];
+    char tmpPath[kTmpPathBufferSize];
     int length = snprintf(tmpPath, sizeof tmpPath, "%s.tmp", spoolPath);
     if (length < 0 || static_cast<size_t>(length) >= sizeof tmpPath) {
         LogFunction(3, "Unable to generate a tempfile name. Path too long");

@@ -33,9 +33,6 @@ int agentResult(pid_t pid, const char *agent) {
     return code;
 }
 
-// The store's limit on a path; also bounds the IMAP folder name.
-const unsigned long kPathBufferSize = 4097;
-
 int deliverCourier(int fd, const char *recipient, const char *folder) {
     char *copy = strdup(recipient);
     if (copy == nullptr) {
@@ -46,7 +43,7 @@ int deliverCourier(int fd, const char *recipient, const char *folder) {
     char *mailname = nullptr;
     char *domain = nullptr;
     splitAddress(copy, &mailname, &domain);
-    char maildir[kPathBufferSize];
+    char maildir[kStorePathBufferSize];
     int built = build_folder_path(maildir, sizeof maildir, mailname, domain, folder);
     free(copy);
     if (built != 0)
@@ -62,7 +59,7 @@ int deliverDovecot(int fd, const char *recipient, const char *folder) {
         pid = fork_execl_pipes(fd, -1, STDERR_FILENO, FERNDROP_DOVECOT_LDA, FERNDROP_DOVECOT_LDA, "-d", recipient,
                                static_cast<char *>(nullptr));
     } else if (is_dot_folder(folder)) {
-        char imapFolder[kPathBufferSize];
+        char imapFolder[kStorePathBufferSize];
         int length = snprintf(imapFolder, sizeof imapFolder, "INBOX%s", folder);
         if (length < 0 || static_cast<unsigned long>(length) >= sizeof imapFolder) {
             LogFunction(3, "IMAP folder name 'INBOX%s' is too long to be present on file system", folder);

@@ -8,6 +8,10 @@
 // are accepted as folders (the driver itself only ever asks for "INBOX").
 #pragma once
 
+// The store's limit on a path (4096 characters) and its terminator; also
+// bounds the IMAP folder name.
+const unsigned long kStorePathBufferSize = 4097;
+
 bool is_inbox_folder(const char *folder);
 bool is_dot_folder(const char *folder);
 int build_maildir_path(char *buffer, unsigned long size, const char *mailname, const char *domain);
