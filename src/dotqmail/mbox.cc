@@ -73,15 +73,13 @@ int deliverMbox(const char *messagePath, const char *mboxPath) {
 
     // A message that cannot be read to its end is as undeliverable as one
     // that cannot be written; both are reported as a failed copy.
-    if (!copyBytes(message, mbox) || !writeBytes(mbox, "\n", 1)) {
-        LogFunction(3, "Unable to write data to mailbox: %s\n", strerror(errno));
-        close(message);
-        rollback(mbox, length);
-        close(mbox);
-        return -1;
-    }
-    if (fsync(mbox) != 0) {
-        LogFunction(3, "Unable to sync data to mailbox: %s\n", strerror(errno));
+    const char *failed = nullptr;
+    if (!copyBytes(message, mbox) || !writeBytes(mbox, "\n", 1))
+        failed = "write";
+    else if (fsync(mbox) != 0)
+        failed = "sync";
+    if (failed != nullptr) {
+        LogFunction(3, "Unable to %s data to mailbox: %s\n", failed, strerror(errno));
         close(message);
         rollback(mbox, length);
         close(mbox);

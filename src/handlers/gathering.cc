@@ -32,8 +32,14 @@ const HandlerGetter kGatheringOrders[2][kGettersPerOrder] = {
      mh_get_sender_handlers, mh_get_global_handlers},
 };
 
-HandlerRecord keyRecord(MH_TYPE type, HandlerQueue queue, const char *address) {
-    return HandlerRecord{0, type, queue, nullptr, const_cast<char *>(address), nullptr, nullptr, true};
+// Adds the enabled rows of one key: 0, or -1 after a line naming the kind.
+int selectKey(sqlite3 *db, HandlerList *list, MH_TYPE type, HandlerQueue queue, const char *address,
+              const char *kind) {
+    HandlerRecord key{0, type, queue, nullptr, const_cast<char *>(address), nullptr, nullptr, true};
+    if (mh_select_handlers(db, list, &key) == 0)
+        return 0;
+    LogFunction(3, "Unable to get %s handlers from the database", kind);
+    return -1;
 }
 
 // Applies the tuning statements one by one. Returns the last library answer,
@@ -66,31 +72,20 @@ int tune(sqlite3 *db) {
 
 int mh_get_recipient_handlers(sqlite3 *db, HandlerList *list, char **addresses, HandlerQueue queue) {
     for (int i = kFirstRecipient; const char *recipient = recipientAt(addresses, i); i++) {
-        HandlerRecord key = keyRecord(MH_TYPE_RECIPIENT, queue, recipient);
-        if (mh_select_handlers(db, list, &key) != 0) {
-            LogFunction(3, "Unable to get recipient handlers from the database");
+        if (selectKey(db, list, MH_TYPE_RECIPIENT, queue, recipient, "recipient") != 0)
             return -1;
-        }
     }
     return 0;
 }
 
 int mh_get_sender_handlers(sqlite3 *db, HandlerList *list, char **addresses, HandlerQueue queue) {
-    HandlerRecord key = keyRecord(MH_TYPE_SENDER, queue, senderOf(addresses));
-    if (mh_select_handlers(db, list, &key) != 0) {
-        LogFunction(3, "Unable to get sender handlers from the database");
-        return -1;
-    }
-    return 0;
+    return selectKey(db, list, MH_TYPE_SENDER, queue, senderOf(addresses), "sender");
 }
 
 int mh_get_global_handlers(sqlite3 *db, HandlerList *list, char **addresses, HandlerQueue queue) {
     for (const char *keyword : {"all", "all-recipients"}) {
-        HandlerRecord key = keyRecord(MH_TYPE_GLOBAL, queue, keyword);
-        if (mh_select_handlers(db, list, &key) != 0) {
-            LogFunction(3, "Unable to get global handlers from the database");
+        if (selectKey(db, list, MH_TYPE_GLOBAL, queue, keyword, "global") != 0)
             return -1;
-        }
     }
     return 0;
 }
@@ -102,11 +97,8 @@ int mh_get_recipient_domain_handlers(sqlite3 *db, HandlerList *list, char **addr
             LogFunction(3, "Unable to get recipient domain by recipient mailname: %s", recipient);
             return -1;
         }
-        HandlerRecord key = keyRecord(MH_TYPE_RECIPIENT_DOMAIN, queue, at + 1);
-        if (mh_select_handlers(db, list, &key) != 0) {
-            LogFunction(3, "Unable to get recipient-domain handlers from the database");
+        if (selectKey(db, list, MH_TYPE_RECIPIENT_DOMAIN, queue, at + 1, "recipient-domain") != 0)
             return -1;
-        }
     }
     return 0;
 }
@@ -122,12 +114,7 @@ int mh_get_sender_domain_handlers(sqlite3 *db, HandlerList *list, char **address
         LogFunction(3, "Unable to get sender domain by sender mailname");
         return -1;
     }
-    HandlerRecord key = keyRecord(MH_TYPE_SENDER_DOMAIN, queue, at + 1);
-    if (mh_select_handlers(db, list, &key) != 0) {
-        LogFunction(3, "Unable to get sender-domain handlers from the database");
-        return -1;
-    }
-    return 0;
+    return selectKey(db, list, MH_TYPE_SENDER_DOMAIN, queue, at + 1, "sender-domain");
 }
 
 int mh_gather_handlers(sqlite3 *db, HandlerList *list, char **addresses, HandlerQueue queue) {
