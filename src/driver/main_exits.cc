@@ -9,35 +9,28 @@
 #include "handlers/delivery_status.h"
 
 ExitLine exitForDeliveryStatus(int status) {
-    switch (status) {
-    case DS_OK:
-    case DS_DISCARDED:
-        return kExitDone;
-    case DS_BAD_DESTINATION:
-        return kExitBadDestination;
-    case DS_REJECTED:
-        return kExitRejected;
-    case DS_RESOURCES_LIMITED:
-        return kExitResourcesLimited;
-    case DS_TIME_EXPIRED:
-        return kExitTimeExpired;
-    case DS_DISK_EXHAUSTED:
-        return kExitDiskExhausted;
-    case DS_MESSAGE_READ_ERROR:
-        return kExitMessageReadError;
-    case DS_CONFIG_READ_ERROR:
-        return kExitConfigReadError;
-    case DS_CONNECTION_ERROR:
-        return kExitConnectionError;
-    case DS_CONGESTED:
-        return kExitCongested;
-    case DS_INTERNAL_ERROR:
-        return kExitInternalError;
-    case DS_BAD_ENVELOPE:
-        return kExitBadEnvelope;
-    default:
-        return kExitUnspecified;
-    }
+    static const struct {
+        int status;
+        ExitLine line;
+    } kByStatus[] = {
+        {DS_OK, kExitDone},
+        {DS_DISCARDED, kExitDone},
+        {DS_BAD_DESTINATION, kExitBadDestination},
+        {DS_REJECTED, kExitRejected},
+        {DS_RESOURCES_LIMITED, kExitResourcesLimited},
+        {DS_TIME_EXPIRED, kExitTimeExpired},
+        {DS_DISK_EXHAUSTED, kExitDiskExhausted},
+        {DS_MESSAGE_READ_ERROR, kExitMessageReadError},
+        {DS_CONFIG_READ_ERROR, kExitConfigReadError},
+        {DS_CONNECTION_ERROR, kExitConnectionError},
+        {DS_CONGESTED, kExitCongested},
+        {DS_INTERNAL_ERROR, kExitInternalError},
+        {DS_BAD_ENVELOPE, kExitBadEnvelope},
+    };
+    for (const auto &entry : kByStatus)
+        if (entry.status == status)
+            return entry.line;
+    return kExitUnspecified;
 }
 
 ExitLine exitForDeliveryResult(int result) {

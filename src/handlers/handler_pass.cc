@@ -6,6 +6,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <fcntl.h>
+#include <iterator>
 #include <unistd.h>
 
 #include "driver/log.h"
@@ -59,37 +60,24 @@ bool keepOutcome(HandlerOutcomeList *outcomes, HandlerOutcome *outcome, const ch
     return true;
 }
 
-const char *verdictWord(HandlerVerdict verdict) {
-    switch (verdict) {
-    case PASS:
-        return "PASS";
-    case SKIP:
-        return "SKIP";
-    case STOP:
-        return "STOP";
-    case DEFER:
-        return "DEFER";
-    case REJECT:
-        return "REJECT";
-    default:
-        return "ERROR";
-    }
-}
+// A verdict's word in the log and the run record, and what it makes of the
+// message (PASS: see callHandler). Any other value counts as ERROR.
+struct VerdictMeaning {
+    HandlerVerdict verdict;
+    const char *word;
+    int status;
+};
+const VerdictMeaning kVerdicts[] = {
+    {PASS, "PASS", DS_OK},           {SKIP, "SKIP", DS_OK},
+    {STOP, "STOP", DS_DISCARDED},    {DEFER, "DEFER", DS_CONGESTED},
+    {REJECT, "REJECT", DS_REJECTED}, {ERROR, "ERROR", DS_INTERNAL_ERROR},  // ERROR last
+};
 
-// What a verdict other than PASS makes of the message.
-int statusOf(HandlerVerdict verdict) {
-    switch (verdict) {
-    case SKIP:
-        return DS_OK;
-    case STOP:
-        return DS_DISCARDED;
-    case DEFER:
-        return DS_CONGESTED;
-    case REJECT:
-        return DS_REJECTED;
-    default:
-        return DS_INTERNAL_ERROR;
-    }
+const VerdictMeaning &meaningOf(HandlerVerdict verdict) {
+    for (const VerdictMeaning &meaning : kVerdicts)
+        if (meaning.verdict == verdict)
+            return meaning;
+    return kVerdicts[std::size(kVerdicts) - 1];
 }
 
 // One run; verdict gets the handler's answer once there is one.
@@ -132,11 +120,11 @@ int callHandler(const char *name, HandlerOutcomeList *outcomes, const char *spoo
         LogFunction(7, "PASS during call '%s' handler", name);
         return mh_take_over_output(tmpPath, spoolPath);
     }
-    int status = statusOf(verdict);
+    int status = meaningOf(verdict).status;
     if (status == DS_INTERNAL_ERROR)
         LogFunction(3, "Error during '%s' handler", name);
     else
-        LogFunction(7, "%s during call '%s' handler", verdictWord(verdict), name);
+        LogFunction(7, "%s during call '%s' handler", meaningOf(verdict).word, name);
     unlink(tmpPath);
     return status;
 }
@@ -149,7 +137,7 @@ int mh_call_handler(const char *name, HandlerOutcomeList *outcomes, const char *
     int status = callHandler(name, outcomes, spoolPath, program, args, env, verdict);
     // A run that failed in any way (a PASS whose output could not be taken
     // over included) counts as ERROR, as it does for the pass.
-    runRecordAdd(RUN_HANDLERS, name, "%s", status == DS_INTERNAL_ERROR ? "ERROR" : verdictWord(verdict));
+    runRecordAdd(RUN_HANDLERS, name, "%s", status == DS_INTERNAL_ERROR ? "ERROR" : meaningOf(verdict).word);
     return status;
 }
 
