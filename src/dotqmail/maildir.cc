@@ -93,7 +93,7 @@ int deliverMaildir(const char *messagePath, const char *maildir) {
         maildirClashWait(kClashWaitSeconds);
     }
 
-    if (!files_copy_file(messagePath, 0, 0, fd)) {
+    if (!files_copy_file(messagePath, fd)) {
         LogFunction(3, "Unable to write message into temporary file");
         close(fd);
         return -1;

@@ -5,7 +5,7 @@
 // held from before the length is recorded until the file is closed); a failed
 // delivery leaves the file at exactly its length from before the attempt, and
 // nothing of the failed copy can reach it afterwards, because every byte goes
-// out through write(2) directly and nothing is buffered in the process; the
+// out through copyBytes, which buffers nothing in the process; the
 // message is copied byte for byte, NUL bytes and a missing final newline
 // included. Only a regular file is appended to: anything else at the path
 // (a FIFO, a device) fails the line at once instead of blocking it.
@@ -19,40 +19,9 @@
 
 #include "dotqmail/deliveries.h"
 #include "driver/log.h"
+#include "spool/spool.h"
 
 namespace {
-
-// Writes all of buf, continuing short writes. false with errno on failure.
-bool writeAll(int fd, const char *buf, size_t len) {
-    while (len > 0) {
-        ssize_t n = write(fd, buf, len);
-        if (n < 0) {
-            if (errno == EINTR)
-                continue;
-            return false;
-        }
-        buf += n;
-        len -= static_cast<size_t>(n);
-    }
-    return true;
-}
-
-// Copies the rest of in to out. false with errno on failure, read or write.
-bool copyAll(int in, int out) {
-    char buf[4096];
-    for (;;) {
-        ssize_t n = read(in, buf, sizeof buf);
-        if (n < 0) {
-            if (errno == EINTR)
-                continue;
-            return false;
-        }
-        if (n == 0)
-            return true;
-        if (!writeAll(out, buf, static_cast<size_t>(n)))
-            return false;
-    }
-}
 
 int openFailure(const char *mboxPath, const char *reason) {
     fprintf(stderr, "Unable to open %s: %s. (#4.2.1)", mboxPath, reason);
@@ -104,15 +73,13 @@ int deliverMbox(const char *messagePath, const char *mboxPath) {
 
     // A message that cannot be read to its end is as undeliverable as one
     // that cannot be written; both are reported as a failed copy.
-    if (!copyAll(message, mbox) || !writeAll(mbox, "\n", 1)) {
-        LogFunction(3, "Unable to write data to mailbox: %s\n", strerror(errno));
-        close(message);
-        rollback(mbox, length);
-        close(mbox);
-        return -1;
-    }
-    if (fsync(mbox) != 0) {
-        LogFunction(3, "Unable to sync data to mailbox: %s\n", strerror(errno));
+    const char *failed = nullptr;
+    if (!copyBytes(message, mbox) || !writeBytes(mbox, "\n", 1))
+        failed = "write";
+    else if (fsync(mbox) != 0)
+        failed = "sync";
+    if (failed != nullptr) {
+        LogFunction(3, "Unable to %s data to mailbox: %s\n", failed, strerror(errno));
         close(message);
         rollback(mbox, length);
         close(mbox);

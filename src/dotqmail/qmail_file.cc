@@ -12,14 +12,12 @@
 // out of here.
 #include "dotqmail/qmail_file.h"
 
-#include <boost/algorithm/string.hpp>
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <fcntl.h>
 #include <libgen.h>
-#include <locale>
 #include <memory>
 #include <new>
 #include <sys/stat.h>
@@ -30,12 +28,9 @@
 #include "driver/log.h"
 #include "driver/run_record.h"
 #include "state/delivery_state.h"
+#include "util/text.h"
 
 namespace {
-
-std::string trimmed(const std::string &text) {
-    return boost::algorithm::trim_copy(text, std::locale::classic());
-}
 
 struct FileCloser {
     void operator()(FILE *f) const { fclose(f); }
@@ -156,42 +151,39 @@ QmailLine parseQmailLine(const std::string &raw) {
 
 namespace {
 
-// One look at the file answers both "is there one" and "may it be used".
-// With missing given, an absent file sets it and is not logged.
-int examineQmail(const char *fileName, bool *missing) {
+// What one look at the file tells: is there one, and may it be used, and
+// how. A refusal is logged; a missing file is not.
+enum QmailFileState { QMAIL_MISSING, QMAIL_REFUSED, QMAIL_USABLE, QMAIL_EXECUTABLE };
+
+QmailFileState examineQmail(const char *fileName) {
     struct stat st;
     if (stat(fileName, &st) != 0) {
-        if (missing != nullptr && errno == ENOENT) {
-            *missing = true;
-            return -1;
-        }
+        if (errno == ENOENT)
+            return QMAIL_MISSING;
         LogFunction(3, "System error %s: %s\n", fileName, strerror(errno));
-        return -1;
+        return QMAIL_REFUSED;
     }
     // A FIFO would block the open for as long as nobody writes to it; a
     // device or a directory holds no instructions either.
     if (!S_ISREG(st.st_mode)) {
         LogFunction(3, "File %s is not a regular file\n", fileName);
-        return -1;
+        return QMAIL_REFUSED;
     }
     if (st.st_mode & (S_IWGRP | S_IWOTH)) {
         LogFunction(3, "File %s is writable for group or others\n", fileName);
-        return -1;
+        return QMAIL_REFUSED;
     }
-    return (st.st_mode & (S_IXUSR | S_IXGRP | S_IXOTH)) ? 1 : 0;
+    return (st.st_mode & (S_IXUSR | S_IXGRP | S_IXOTH)) ? QMAIL_EXECUTABLE : QMAIL_USABLE;
 }
 
 }  // namespace
 
-int checkQmailPermissions(const char *fileName) { return examineQmail(fileName, nullptr); }
-
 int processQmailFile(const char *fileName, const char *messagePath, const char *sender,
                      const char *recipient) {
-    bool missing = false;
-    int permissions = examineQmail(fileName, &missing);
-    if (missing)
+    QmailFileState state = examineQmail(fileName);
+    if (state == QMAIL_MISSING)
         return DR_NO_INSTRUCTIONS;
-    if (permissions < 0) {
+    if (state == QMAIL_REFUSED) {
         LogFunction(3, "Wrong permissions for %s", fileName);
         return DR_LOCAL_ERROR;
     }
@@ -234,7 +226,7 @@ int processQmailFile(const char *fileName, const char *messagePath, const char *
     }
     const char *workDir = dirname(nameCopy.get());
     try {
-        return processOpenFile(file.get(), fileName, permissions == 1, messagePath, sender,
+        return processOpenFile(file.get(), fileName, state == QMAIL_EXECUTABLE, messagePath, sender,
                                recipient, workDir);
     } catch (const std::bad_alloc &) {
         // Only memory can fail inside; the manager has already saved what was

@@ -14,9 +14,6 @@ QmailLine parseQmailLine(const std::string &raw);
 // "forward", "program", "maildir", "mbox" or "empty".
 const char *qmailLineKindName(QmailLineKind kind);
 
-// -1 refused, 0 acceptable, 1 acceptable but an execute bit is set.
-int checkQmailPermissions(const char *fileName);
-
 // A DeliveryResult: 0, 77, 100, 111, 200 (no instructions) or -1.
 int processQmailFile(const char *fileName, const char *messagePath, const char *sender,
                      const char *recipient);

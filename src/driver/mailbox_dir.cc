@@ -1,16 +1,4 @@
-// Splitting a recipient into mailname and domain, and entering its mailbox
-// directory <mailnames>/<domain>/<mailname>.
-//
-// Promises: the working directory only ever moves downwards into the
-// mailnames tree: a name holding "/" or naming "." or ".." is refused, so no
-// recipient can reach a directory outside it. An exact name always beats a
-// case-insensitive match, and only real directories (never symbolic links)
-// are matched without regard to case. Every failure logs one line at mail.err
-// and leaves errno meaningful for the caller's own line. Only a name that is
-// not there makes an unknown mailbox: a mailnames directory that cannot be
-// entered, or a directory that cannot be entered or listed for any other
-// reason (EIO, EACCES, EMFILE), says nothing about the recipient, and the
-// message must wait for the tree to come back rather than be dropped.
+// Contract in driver/mailbox_dir.h.
 #include "driver/mailbox_dir.h"
 
 #include <cerrno>

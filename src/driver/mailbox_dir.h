@@ -1,5 +1,16 @@
 // The recipient's mailbox directory: <mailnames>/<domain>/<mailname>, found
 // without regard to ASCII case when the exact name is missing.
+//
+// Promises: the working directory only ever moves downwards into the
+// mailnames tree: a name holding "/" or naming "." or ".." is refused, so no
+// recipient can reach a directory outside it. An exact name always beats a
+// case-insensitive match, and only real directories (never symbolic links)
+// are matched without regard to case. Every failure logs one line at mail.err
+// and leaves errno meaningful for the caller's own line. Only a name that is
+// not there makes an unknown mailbox: a mailnames directory that cannot be
+// entered, or a directory that cannot be entered or listed for any other
+// reason (EIO, EACCES, EMFILE), says nothing about the recipient, and the
+// message must wait for the tree to come back rather than be dropped.
 #pragma once
 
 // Cuts address at its first "@" (in place). domain is null without an "@";

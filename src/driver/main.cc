@@ -19,8 +19,10 @@
 #include "driver/delivery_codes.h"
 #include "driver/log.h"
 #include "driver/mailbox_dir.h"
+#include "driver/main_exits.h"
 #include "driver/run_record.h"
 #include "dotqmail/qmail_file.h"
+#include "handlers/addresses.h"
 #include "handlers/handler_pass.h"
 #include "spool/spool.h"
 #include "state/message_id.h"
@@ -29,7 +31,6 @@
 namespace {
 
 const char kProgramName[] = "ferndrop";
-const size_t kRecipientBufferSize = 502;
 
 struct CommandLine {
     const char *sender = nullptr;
@@ -40,7 +41,7 @@ struct CommandLine {
 [[noreturn]] void usageError(const char *problem) {
     LogFunction(2, "%s usage error: \"%s\"", kProgramName, problem);
     LogFunction(5, "%s usage: %s -f <sender> -d <recipient> -p <mailnames dir>", kProgramName, kProgramName);
-    exitWithStatus(64, "4.3.5 Local delivery is disabled due to server misconfigurations");
+    exitWith(kExitMisconfigured);
 }
 
 CommandLine parseCommandLine(int argc, char **argv) {
@@ -95,13 +96,13 @@ void occupyStandardDescriptors() {
     }
 }
 
-[[noreturn]] void finish(const char *spoolPath, ExitOutcome outcome) {
+[[noreturn]] void finish(const char *spoolPath, ExitLine line) {
     try {
         runRecordMessageId(messageIdOf(spoolPath).c_str());
     } catch (...) {  // the summary goes without it rather than the run without a status
     }
     unlink(spoolPath);
-    exitWithStatus(outcome.status, outcome.text);
+    exitWith(line);
 }
 
 }  // namespace
@@ -122,34 +123,34 @@ int main(int argc, char **argv) {
 
     if (strchr(cmd.recipient, '@') == nullptr) {
         LogFunction(19, "Invalid e-mail address - no domain part: %s", cmd.recipient);
-        exitWithStatus(65, "5.1.3 Invalid destination status");
+        exitWith(kExitBadDestination);
     }
-    if (strlen(cmd.recipient) + 1 > kRecipientBufferSize) {
+    if (strlen(cmd.recipient) + 1 > kAddressBufferSize) {
         LogFunction(19, "Invalid e-mail address - too long: %s", cmd.recipient);
-        exitWithStatus(65, "5.1.3 Invalid destination status");
+        exitWith(kExitBadDestination);
     }
-    char recipientCopy[kRecipientBufferSize];
-    strncpy(recipientCopy, cmd.recipient, kRecipientBufferSize - 1);
-    recipientCopy[kRecipientBufferSize - 1] = '\0';
+    char recipientCopy[kAddressBufferSize];
+    strncpy(recipientCopy, cmd.recipient, kAddressBufferSize - 1);
+    recipientCopy[kAddressBufferSize - 1] = '\0';
 
     if (setenv("DELIVERED_TO", cmd.recipient, 1) != 0) {
         LogFunction(19, "Unable to set environment variable: %s\n", strerror(errno));
-        exitWithStatus(75, "4.3.2 Local delivery is temporarily disabled due to system resources limitations");
+        exitWith(kExitResourcesLimited);
     }
 
     char *spoolPath = spool_save_stdin();
     if (spoolPath == nullptr) {
         LogFunction(19, "Unable to read message from stdin");
-        exitWithStatus(75, "4.6.0 Unable to read message content");
+        exitWith(kExitUnreadableInput);
     }
 
     char empty[] = "";
     char *addresses[] = {empty, empty, const_cast<char *>(cmd.sender), const_cast<char *>(cmd.recipient), nullptr};
-    int status = mh_run_handlers(nullptr, addresses, nullptr, spoolPath, 2);
+    int status = mh_run_handlers(nullptr, addresses, nullptr, spoolPath, MH_QUEUE_DELIVERY);
     if (status == DS_DISCARDED) {
         syslog(LOG_NOTICE, "message discarded by a mail handler");
         runRecordOutcome("discarded");
-        finish(spoolPath, {0, ""});
+        finish(spoolPath, kExitDone);
     }
     if (status != DS_OK)
         finish(spoolPath, exitForDeliveryStatus(status));
@@ -162,7 +163,7 @@ int main(int argc, char **argv) {
         // An unknown mailbox is not the transfer agent's problem to retry.
         syslog(19, "Unknown user: %s@%s", mailname, domain);
         runRecordOutcome("unknown-user");
-        finish(spoolPath, {0, ""});
+        finish(spoolPath, kExitDone);
     }
     // A tree that cannot be searched now: the mailbox may well be there.
     if (entered != 0)

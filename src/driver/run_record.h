@@ -2,7 +2,7 @@
 // who, which message, how it ended and what was done, as key=value pairs a
 // log tool can split. The driver starts the record once the command line is
 // accepted; the handler pass, the .qmail processing and the store delivery
-// each add what they did; exitWithStatus logs it once, at priority 6, on the
+// each add what they did; exitWith (main_exits.h) logs it once, at priority 6, on the
 // way out. Before the start nothing is recorded and nothing is logged.
 #pragma once
 

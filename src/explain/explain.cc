@@ -11,28 +11,33 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <boost/algorithm/string/trim.hpp>
 #include <cerrno>
 #include <climits>
 #include <cstring>
-#include <locale>
 #include <map>
 #include <set>
+#include <utility>
 
 #include "dotqmail/qmail_file.h"
 #include "driver/mailbox_dir.h"
+#include "driver/main_exits.h"
 #include "explain/explain.h"
+#include "handlers/addresses.h"
 #include "paths.h"
 #include "state/delivery_record.h"
 #include "state/message_id.h"
-#include "store/lda.h"
+#include "store/mailbox_paths.h"
+#include "store/server_type.h"
+#include "util/text.h"
 
 namespace {
 
-const size_t kMaxRecipient = 501;
-const char kTryLater[] = "4.2.1";
-
-std::string trimmed(const std::string &text) { return boost::algorithm::trim_copy(text, std::locale::classic()); }
+// An ending as the driver would exit: the status and the code of the status
+// line from its exit table; "2.0.0" for an exit 0 without a line.
+Ending endAs(const char *stage, const char *outcome, ExitLine exit, std::string why) {
+    std::string code = exit.text[0] != '\0' ? std::string(exit.text, strcspn(exit.text, " ")) : "2.0.0";
+    return Ending{stage, outcome, exit.status, code, std::move(why)};
+}
 
 std::string currentDirName() {
     char buffer[PATH_MAX];
@@ -146,8 +151,8 @@ std::optional<Ending> lookAtLines(FILE *in, QmailLook &q, const std::set<std::st
             skipped += line.kind != EmptyLine;
         } else if (q.executeBit && line.kind != ForwardLine && line.kind != EmptyLine) {
             l.verdict = "refused";
-            ending = Ending{"qmail", "deferred", 75, kTryLater,
-                            "line " + std::to_string(number) + ": .qmail has prog delivery but has x bit set"};
+            ending = endAs("qmail", "deferred", kExitTryLater,
+                            "line " + std::to_string(number) + ": .qmail has prog delivery but has x bit set");
         } else {
             l.verdict = line.kind == EmptyLine ? "nothing-to-do" : "runs";
             markedAt.emplace(key, number);
@@ -158,12 +163,12 @@ std::optional<Ending> lookAtLines(FILE *in, QmailLook &q, const std::set<std::st
     if (ferror(in)) {
         q.readProblem = "Error while reading file `.qmail'";
         if (!ending)
-            ending = Ending{"qmail", "deferred", 75, kTryLater, q.readProblem};
+            ending = endAs("qmail", "deferred", kExitTryLater, q.readProblem);
     }
     if (!ending && instructions == 0)
-        ending = Ending{"qmail", "delivered", 0, "2.0.0", "the .qmail holds no instruction: the message is stored nowhere"};
+        ending = endAs("qmail", "delivered", kExitDone, "the .qmail holds no instruction: the message is stored nowhere");
     else if (!ending && instructions == skipped)
-        ending = Ending{"qmail", "delivered", 0, "2.0.0", "every instruction was served before: nothing runs again"};
+        ending = endAs("qmail", "delivered", kExitDone, "every instruction was served before: nothing runs again");
     return ending;
 }
 
@@ -178,14 +183,14 @@ QmailLook lookAtQmail(const Explanation &e, std::optional<Ending> &ending) {
     if (st.st_mode & 022) {
         q.permissions = "refused";
         q.permissionProblem = "File .qmail is writable for group or others";
-        ending = Ending{"qmail", "deferred", 75, kTryLater, "Wrong permissions for .qmail"};
+        ending = endAs("qmail", "deferred", kExitTryLater, "Wrong permissions for .qmail");
         return q;
     }
     q.permissions = "accepted";
     FILE *in = fopen(".qmail", "re");
     if (in == nullptr) {
         q.readProblem = std::string("Cannot open file `.qmail' to read: ") + strerror(errno);
-        ending = Ending{"qmail", "deferred", 75, kTryLater, q.readProblem};
+        ending = endAs("qmail", "deferred", kExitTryLater, q.readProblem);
         return q;
     }
     std::set<std::string> served;
@@ -205,7 +210,7 @@ StoreLook lookAtStore(const std::string &recipient, const std::string &domain, c
         s.problem = unusable != nullptr ? std::string("LDA is present at '") + unusable +
                                               "' but is not a regular file or is not executable"
                                         : "no LDA found";
-        ending = Ending{"store", "bounced", 71, "5.7.1", "Unable to detect IMAP/POP3 server type - " + s.problem};
+        ending = endAs("store", "bounced", kExitUndeliverable, "Unable to detect IMAP/POP3 server type - " + s.problem);
         return s;
     }
     s.agent = server_agent(type);
@@ -214,10 +219,10 @@ StoreLook lookAtStore(const std::string &recipient, const std::string &domain, c
         s.argv.insert(s.argv.end(), {"-d", recipient});
         return s;
     }
-    char maildir[4097];
+    char maildir[kStorePathBufferSize];
     if (build_maildir_path(maildir, sizeof maildir, mailname.c_str(), domain.c_str()) != 0) {
         s.problem = "the Maildir path is too long";
-        ending = Ending{"store", "bounced", 71, "5.7.1", s.problem};
+        ending = endAs("store", "bounced", kExitUndeliverable, s.problem);
         return s;
     }
     s.argv.push_back(maildir);
@@ -230,10 +235,10 @@ Explanation explain(const std::string &sender, const std::string &recipient, con
                     const std::optional<std::string> &messageFile) {
     Explanation e{sender, recipient, mailnames, messageFile, "", "", "", {}, {}, {}, {}, {}};
     size_t at = recipient.find('@');
-    if (at == std::string::npos || recipient.size() > kMaxRecipient) {
-        e.ending = Ending{"recipient", "bounced", 65, "5.1.3",
+    if (at == std::string::npos || recipient.size() + 1 > kAddressBufferSize) {
+        e.ending = endAs("recipient", "bounced", kExitBadDestination,
                           at == std::string::npos ? "Invalid e-mail address - no domain part: " + recipient
-                                                  : "Invalid e-mail address - too long: " + recipient};
+                                                  : "Invalid e-mail address - too long: " + recipient);
         return e;
     }
     // Read before the mailbox look moves the working directory.
@@ -252,15 +257,15 @@ Explanation explain(const std::string &sender, const std::string &recipient, con
     std::string mailname = recipient.substr(0, at), domain = recipient.substr(at + 1);
     e.mailbox = lookAtMailbox(mailnames, domain, mailname);
     if (!e.mailbox->found) {
-        e.ending = Ending{"mailbox", "unknown-user", 0, "2.0.0", "Unknown user: " + recipient};
+        e.ending = endAs("mailbox", "unknown-user", kExitDone, "Unknown user: " + recipient);
         return e;
     }
     struct stat st;
     if (stat(".qmail", &st) == 0)
         e.qmail = lookAtQmail(e, e.ending);
     else if (errno != ENOENT)
-        e.ending = Ending{"qmail", "deferred", 75, kTryLater,
-                          std::string("System error .qmail: ") + strerror(errno) + "; Wrong permissions for .qmail"};
+        e.ending = endAs("qmail", "deferred", kExitTryLater,
+                          std::string("System error .qmail: ") + strerror(errno) + "; Wrong permissions for .qmail");
     else
         e.store = lookAtStore(recipient, domain, mailname, e.ending);
     return e;

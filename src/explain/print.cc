@@ -9,6 +9,47 @@
 
 namespace {
 
+// ---- both ----------------------------------------------------------------
+
+bool validUtf8(const std::string &s) {
+    for (size_t i = 0; i < s.size();) {
+        unsigned char c = s[i];
+        size_t n = c < 0x80 ? 0 : (c >> 5) == 6 ? 1 : (c >> 4) == 14 ? 2 : (c >> 3) == 30 ? 3 : 9;
+        if (n == 9 || i + n >= s.size())
+            return false;
+        for (size_t k = 1; k <= n; k++)
+            if ((static_cast<unsigned char>(s[i + k]) >> 6) != 2)
+                return false;
+        i += n + 1;
+    }
+    return true;
+}
+
+// s in double quotes with '"', '\\' and a tab escaped, and every other control
+// byte in hex: "\x0a" in the text form; in JSON "\u000a" (a line feed as
+// "\n"), and bytes that are not UTF-8 taken as Latin-1 so the output parses.
+std::string quoted(const std::string &s, bool json) {
+    bool utf8 = !json || validUtf8(s);
+    std::string out = "\"";
+    for (unsigned char c : s) {
+        char buffer[8];
+        if (c == '"' || c == '\\') {
+            out += '\\';
+            out += static_cast<char>(c);
+        } else if (json && c == '\n') {
+            out += "\\n";
+        } else if (c == '\t') {
+            out += "\\t";
+        } else if (c < 0x20 || c == 0x7f || (c >= 0x80 && !utf8)) {
+            snprintf(buffer, sizeof buffer, json ? "\\u%04x" : "\\x%02x", c);
+            out += buffer;
+        } else {
+            out += static_cast<char>(c);
+        }
+    }
+    return out + "\"";
+}
+
 // ---- text ----------------------------------------------------------------
 
 // Blanks at either end, control bytes and emptiness would be invisible in a
@@ -17,24 +58,7 @@ std::string shown(const std::string &s) {
     bool plain = !s.empty() && s.front() != ' ' && s.back() != ' ' && s.front() != '"';
     for (unsigned char c : s)
         plain = plain && c >= 0x20 && c != 0x7f;
-    if (plain)
-        return s;
-    std::string out = "\"";
-    for (unsigned char c : s) {
-        char buffer[8];
-        if (c == '"' || c == '\\') {
-            out += '\\';
-            out += static_cast<char>(c);
-        } else if (c == '\t') {
-            out += "\\t";
-        } else if (c < 0x20 || c == 0x7f) {
-            snprintf(buffer, sizeof buffer, "\\x%02x", c);
-            out += buffer;
-        } else {
-            out += static_cast<char>(c);
-        }
-    }
-    return out + "\"";
+    return plain ? s : quoted(s, false);
 }
 
 void table(const std::vector<std::vector<std::string>> &rows) {
@@ -167,43 +191,9 @@ std::string commandLine(const std::vector<std::string> &argv) {
 
 // ---- JSON ----------------------------------------------------------------
 
-bool validUtf8(const std::string &s) {
-    for (size_t i = 0; i < s.size();) {
-        unsigned char c = s[i];
-        size_t n = c < 0x80 ? 0 : (c >> 5) == 6 ? 1 : (c >> 4) == 14 ? 2 : (c >> 3) == 30 ? 3 : 9;
-        if (n == 9 || i + n >= s.size())
-            return false;
-        for (size_t k = 1; k <= n; k++)
-            if ((static_cast<unsigned char>(s[i + k]) >> 6) != 2)
-                return false;
-        i += n + 1;
-    }
-    return true;
-}
 
-// A JSON string; bytes that are not UTF-8 are taken as Latin-1, so the
-// output always parses.
-std::string q(const std::string &s) {
-    bool utf8 = validUtf8(s);
-    std::string out = "\"";
-    for (unsigned char c : s) {
-        char buffer[8];
-        if (c == '"' || c == '\\') {
-            out += '\\';
-            out += static_cast<char>(c);
-        } else if (c == '\n') {
-            out += "\\n";
-        } else if (c == '\t') {
-            out += "\\t";
-        } else if (c < 0x20 || c == 0x7f || (c >= 0x80 && !utf8)) {
-            snprintf(buffer, sizeof buffer, "\\u%04x", c);
-            out += buffer;
-        } else {
-            out += static_cast<char>(c);
-        }
-    }
-    return out + "\"";
-}
+// A JSON string.
+std::string q(const std::string &s) { return quoted(s, true); }
 
 std::string orNull(const std::string &s) { return s.empty() ? "null" : q(s); }
 

@@ -1,9 +1,4 @@
-// The busy retry around every registry call.
-//
-// Promises: no busy timeout is relied upon; this loop alone does the waiting,
-// with pauses of 0, 10, 20, ... µs. The pause is handed to the sleep in
-// tv_nsec only, so the sleep of a full second is refused by the system and
-// the registry is given up after 100,001 attempts instead of waiting forever.
+// Contract in handlers/busy_retry.h.
 #include "handlers/busy_retry.h"
 
 #include <sqlite3.h>

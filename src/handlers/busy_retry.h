@@ -1,6 +1,6 @@
 // Waiting out a registry that another process (the panel, a concurrent
 // delivery) holds locked: every library call that may answer SQLITE_BUSY is
-// repeated with a pause that grows by 10 µs after each attempt.
+// repeated. No busy timeout is relied upon; the loop below alone waits.
 #pragma once
 #include <ctime>
 
@@ -15,10 +15,12 @@ extern MhSleepFunction mh_sleep;
 const long MH_BUSY_PAUSE_STEP = 10000;
 
 // Calls attempt(context, retrying) until it answers anything but SQLITE_BUSY;
-// retrying is false only on the first call. The pause, kept in nanoseconds
-// only, follows every attempt but the first, so the pause of one second is
-// refused and ends the loop after 100,001 attempts. *answer gets the last
-// answer. Returns 0, or -1 when a pause was refused or interrupted.
+// retrying is false only on the first call. Every attempt but the first is
+// followed by a pause one step longer than the last (10, 20, ... µs). The
+// pause is handed to the sleep in tv_nsec only, so the system refuses the
+// pause of a full second and the registry is given up after 100,001 attempts
+// instead of waited for forever. *answer gets the last answer. Returns 0, or
+// -1 when a pause was refused or interrupted.
 int mh_retry_while_busy(int (*attempt)(void *context, bool retrying), void *context, int *answer);
 
 // The library calls the registry code makes, each under the loop above.

@@ -16,18 +16,19 @@
 #include <cstring>
 
 #include "driver/log.h"
+#include "util/text.h"
 
 namespace {
 
 bool startsWith(const char *line, const char *keyword) { return strncmp(line, keyword, strlen(keyword)) == 0; }
 
-bool isBlank(char c) { return c == ' ' || c == '\t' || c == '\n' || c == '\v' || c == '\f' || c == '\r'; }
-
+// Trimmed by hand, not with trimmed(): that could throw on a failed
+// allocation, where a failed strndup is only logged.
 void setData(HandlerOutcome *outcome, const char *text) {
-    while (isBlank(*text))
+    while (isCSpace(*text))
         text++;
     size_t length = strlen(text);
-    while (length > 0 && isBlank(text[length - 1]))
+    while (length > 0 && isCSpace(text[length - 1]))
         length--;
     char *data = strndup(text, length);
     if (data == nullptr) {

@@ -19,6 +19,7 @@
 #include "handlers/busy_retry.h"
 #include "handlers/registry.h"
 #include "handlers/registry_connection.h"
+#include "util/directories.h"
 
 namespace {
 
@@ -37,30 +38,6 @@ const char kCreationScript[] =
     "CREATE INDEX idx4 ON handlers(name, queue, type);"
     "COMMIT;";
 
-// mkdir -p with mode 0755; a component that exists as anything but a
-// directory fails with ENOTDIR. 0, or -1 with errno set.
-int makeDirectories(const std::string &dir) {
-    size_t pos = 0;
-    while (pos != std::string::npos) {
-        pos = dir.find('/', pos + 1);
-        std::string prefix = dir.substr(0, pos);
-        if (prefix.empty())
-            continue;
-        if (mkdir(prefix.c_str(), 0755) == 0)
-            continue;
-        if (errno != EEXIST)
-            return -1;
-        struct stat st;
-        if (stat(prefix.c_str(), &st) != 0)
-            return -1;
-        if (!S_ISDIR(st.st_mode)) {
-            errno = ENOTDIR;
-            return -1;
-        }
-    }
-    return 0;
-}
-
 int createDirectory(const char *path) {
     char *copy = strdup(path);
     if (copy == nullptr) {
@@ -73,7 +50,7 @@ int createDirectory(const char *path) {
     if (dir == nullptr) {
         LogFunction(2, "Unable to get dirname for %s database (%s): %s (%d)", kKind, path, strerror(errno), errno);
         result = -1;
-    } else if (makeDirectories(dir) != 0) {
+    } else if (makeDirectories(dir, 0755) != 0) {
         LogFunction(2, "Unable to create directories for %s database (%s): %s (%d)", kKind, dir, strerror(errno),
                     errno);
         result = -1;

@@ -64,13 +64,10 @@ int mh_find_domain_handlers(sqlite3 *db, HandlerList *list, const char *address)
     const char *at = strchr(address, '@');
     const char *domain = at != nullptr ? at + 1 : address;
 
-    sqlite3 *own = nullptr;
-    if (db == nullptr) {
-        own = mh_open_registry();
-        if (own == nullptr)
-            return -1;
-        db = own;
-    }
+    sqlite3 *own;
+    db = mh_given_or_own(db, &own);
+    if (db == nullptr)
+        return -1;
 
     int result = -1;
     sqlite3_stmt *stmt = nullptr;

@@ -10,6 +10,7 @@
 #include <sqlite3.h>
 
 #include "driver/log.h"
+#include "handlers/addresses.h"
 #include "handlers/busy_retry.h"
 #include "handlers/registry.h"
 #include "handlers/registry_connection.h"
@@ -17,9 +18,6 @@
 namespace {
 
 const char kTuning[] = "PRAGMA temp_store=MEMORY;PRAGMA read_uncommitted=1;PRAGMA cache_size=10000;";
-const int kFirstRecipient = 3;
-// Recipients are read from positions 3 up to this bound (exclusive).
-const int kAddressBound = 16384;
 
 typedef int (*HandlerGetter)(sqlite3 *db, HandlerList *list, char **addresses, HandlerQueue queue);
 
@@ -34,23 +32,14 @@ const HandlerGetter kGatheringOrders[2][kGettersPerOrder] = {
      mh_get_sender_handlers, mh_get_global_handlers},
 };
 
-HandlerRecord keyRecord(MH_TYPE type, HandlerQueue queue, const char *address) {
-    return HandlerRecord{0, type, queue, nullptr, const_cast<char *>(address), nullptr, nullptr, true};
-}
-
-// The sender, or null when the vector ends before it.
-const char *senderOf(char **addresses) {
-    if (addresses == nullptr || addresses[0] == nullptr || addresses[1] == nullptr)
-        return nullptr;
-    return addresses[2];
-}
-
-// Recipient at position i, or null at the bound. Callers walk i upwards from
-// the first recipient and stop at the first null, the vector's end.
-const char *recipientAt(char **addresses, int i) {
-    if (i >= kAddressBound || senderOf(addresses) == nullptr)
-        return nullptr;
-    return addresses[i];
+// Adds the enabled rows of one key: 0, or -1 after a line naming the kind.
+int selectKey(sqlite3 *db, HandlerList *list, MH_TYPE type, HandlerQueue queue, const char *address,
+              const char *kind) {
+    HandlerRecord key{0, type, queue, nullptr, const_cast<char *>(address), nullptr, nullptr, true};
+    if (mh_select_handlers(db, list, &key) == 0)
+        return 0;
+    LogFunction(3, "Unable to get %s handlers from the database", kind);
+    return -1;
 }
 
 // Applies the tuning statements one by one. Returns the last library answer,
@@ -83,31 +72,20 @@ int tune(sqlite3 *db) {
 
 int mh_get_recipient_handlers(sqlite3 *db, HandlerList *list, char **addresses, HandlerQueue queue) {
     for (int i = kFirstRecipient; const char *recipient = recipientAt(addresses, i); i++) {
-        HandlerRecord key = keyRecord(MH_TYPE_RECIPIENT, queue, recipient);
-        if (mh_select_handlers(db, list, &key) != 0) {
-            LogFunction(3, "Unable to get recipient handlers from the database");
+        if (selectKey(db, list, MH_TYPE_RECIPIENT, queue, recipient, "recipient") != 0)
             return -1;
-        }
     }
     return 0;
 }
 
 int mh_get_sender_handlers(sqlite3 *db, HandlerList *list, char **addresses, HandlerQueue queue) {
-    HandlerRecord key = keyRecord(MH_TYPE_SENDER, queue, senderOf(addresses));
-    if (mh_select_handlers(db, list, &key) != 0) {
-        LogFunction(3, "Unable to get sender handlers from the database");
-        return -1;
-    }
-    return 0;
+    return selectKey(db, list, MH_TYPE_SENDER, queue, senderOf(addresses), "sender");
 }
 
 int mh_get_global_handlers(sqlite3 *db, HandlerList *list, char **addresses, HandlerQueue queue) {
     for (const char *keyword : {"all", "all-recipients"}) {
-        HandlerRecord key = keyRecord(MH_TYPE_GLOBAL, queue, keyword);
-        if (mh_select_handlers(db, list, &key) != 0) {
-            LogFunction(3, "Unable to get global handlers from the database");
+        if (selectKey(db, list, MH_TYPE_GLOBAL, queue, keyword, "global") != 0)
             return -1;
-        }
     }
     return 0;
 }
@@ -119,11 +97,8 @@ int mh_get_recipient_domain_handlers(sqlite3 *db, HandlerList *list, char **addr
             LogFunction(3, "Unable to get recipient domain by recipient mailname: %s", recipient);
             return -1;
         }
-        HandlerRecord key = keyRecord(MH_TYPE_RECIPIENT_DOMAIN, queue, at + 1);
-        if (mh_select_handlers(db, list, &key) != 0) {
-            LogFunction(3, "Unable to get recipient-domain handlers from the database");
+        if (selectKey(db, list, MH_TYPE_RECIPIENT_DOMAIN, queue, at + 1, "recipient-domain") != 0)
             return -1;
-        }
     }
     return 0;
 }
@@ -139,12 +114,7 @@ int mh_get_sender_domain_handlers(sqlite3 *db, HandlerList *list, char **address
         LogFunction(3, "Unable to get sender domain by sender mailname");
         return -1;
     }
-    HandlerRecord key = keyRecord(MH_TYPE_SENDER_DOMAIN, queue, at + 1);
-    if (mh_select_handlers(db, list, &key) != 0) {
-        LogFunction(3, "Unable to get sender-domain handlers from the database");
-        return -1;
-    }
-    return 0;
+    return selectKey(db, list, MH_TYPE_SENDER_DOMAIN, queue, at + 1, "sender-domain");
 }
 
 int mh_gather_handlers(sqlite3 *db, HandlerList *list, char **addresses, HandlerQueue queue) {

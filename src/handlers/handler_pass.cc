@@ -1,11 +1,4 @@
-// The handler pass: every handler that applies runs over the spool file in
-// the registry's run order; a passing handler's output becomes the message.
-//
-// Promises: handlers run one at a time, each seeing the output of every
-// earlier passing handler; the pass stops only for STOP (discarded), REJECT
-// (rejected) and DEFER (congested) - a broken handler is logged and passed
-// over, so one bad filter never holds mail back; the per-run ".tmp" file is
-// either renamed over the spool file or removed before the run returns.
+// Contract in handlers/handler_pass.h.
 #include "handlers/handler_pass.h"
 
 #include <cerrno>
@@ -13,29 +6,27 @@
 #include <cstdlib>
 #include <cstring>
 #include <fcntl.h>
+#include <iterator>
 #include <unistd.h>
 
 #include "driver/log.h"
 #include "driver/run_record.h"
+#include "handlers/addresses.h"
 #include "handlers/forkexec.h"
 #include "handlers/pass_steps.h"
 #include "handlers/registry.h"
 
 namespace {
 
-const size_t kPathBufferSize = 4096;
-const int kFirstRecipient = 3;
+// The handler's output path: the spool path and ".tmp", terminator included.
+const size_t kTmpPathBufferSize = 4096;
 const char kAllRecipients[] = "all-recipients";
 
 bool stopsThePass(int status) { return status == DS_DISCARDED || status == DS_REJECTED || status == DS_CONGESTED; }
 
-char *senderOf(char **addresses) { return addresses[0] && addresses[1] ? addresses[2] : nullptr; }
-
 int recipientCount(char **addresses) {
-    if (senderOf(addresses) == nullptr)
-        return 0;
     int n = 0;
-    while (addresses[kFirstRecipient + n] != nullptr)
+    while (recipientAt(addresses, kFirstRecipient + n) != nullptr)
         n++;
     return n;
 }
@@ -69,27 +60,30 @@ bool keepOutcome(HandlerOutcomeList *outcomes, HandlerOutcome *outcome, const ch
     return true;
 }
 
-const char *verdictWord(HandlerVerdict verdict) {
-    switch (verdict) {
-    case PASS:
-        return "PASS";
-    case SKIP:
-        return "SKIP";
-    case STOP:
-        return "STOP";
-    case DEFER:
-        return "DEFER";
-    case REJECT:
-        return "REJECT";
-    default:
-        return "ERROR";
-    }
+// A verdict's word in the log and the run record, and what it makes of the
+// message (PASS: see callHandler). Any other value counts as ERROR.
+struct VerdictMeaning {
+    HandlerVerdict verdict;
+    const char *word;
+    int status;
+};
+const VerdictMeaning kVerdicts[] = {
+    {PASS, "PASS", DS_OK},           {SKIP, "SKIP", DS_OK},
+    {STOP, "STOP", DS_DISCARDED},    {DEFER, "DEFER", DS_CONGESTED},
+    {REJECT, "REJECT", DS_REJECTED}, {ERROR, "ERROR", DS_INTERNAL_ERROR},  // ERROR last
+};
+
+const VerdictMeaning &meaningOf(HandlerVerdict verdict) {
+    for (const VerdictMeaning &meaning : kVerdicts)
+        if (meaning.verdict == verdict)
+            return meaning;
+    return kVerdicts[std::size(kVerdicts) - 1];
 }
 
 // One run; verdict gets the handler's answer once there is one.
 int callHandler(const char *name, HandlerOutcomeList *outcomes, const char *spoolPath, const char *program,
                 char **args, char **env, HandlerVerdict &verdict) {
-    char tmpPath[kPathBufferSize];
+    char tmpPath[kTmpPathBufferSize];
     int length = snprintf(tmpPath, sizeof tmpPath, "%s.tmp", spoolPath);
     if (length < 0 || static_cast<size_t>(length) >= sizeof tmpPath) {
         LogFunction(3, "Unable to generate a tempfile name. Path too long");
@@ -122,32 +116,17 @@ int callHandler(const char *name, HandlerOutcomeList *outcomes, const char *spoo
         mh_outcome_free(outcome);
     }
 
-    switch (verdict) {
-    case PASS:
+    if (verdict == PASS) {
         LogFunction(7, "PASS during call '%s' handler", name);
         return mh_take_over_output(tmpPath, spoolPath);
-    case SKIP:
-        LogFunction(7, "SKIP during call '%s' handler", name);
-        unlink(tmpPath);
-        return DS_OK;
-    case STOP:
-        LogFunction(7, "STOP during call '%s' handler", name);
-        unlink(tmpPath);
-        return DS_DISCARDED;
-    case DEFER:
-        LogFunction(7, "DEFER during call '%s' handler", name);
-        unlink(tmpPath);
-        return DS_CONGESTED;
-    case REJECT:
-        LogFunction(7, "REJECT during call '%s' handler", name);
-        unlink(tmpPath);
-        return DS_REJECTED;
-    case ERROR:
-    default:
-        LogFunction(3, "Error during '%s' handler", name);
-        unlink(tmpPath);
-        return DS_INTERNAL_ERROR;
     }
+    int status = meaningOf(verdict).status;
+    if (status == DS_INTERNAL_ERROR)
+        LogFunction(3, "Error during '%s' handler", name);
+    else
+        LogFunction(7, "%s during call '%s' handler", meaningOf(verdict).word, name);
+    unlink(tmpPath);
+    return status;
 }
 
 }  // namespace
@@ -158,7 +137,7 @@ int mh_call_handler(const char *name, HandlerOutcomeList *outcomes, const char *
     int status = callHandler(name, outcomes, spoolPath, program, args, env, verdict);
     // A run that failed in any way (a PASS whose output could not be taken
     // over included) counts as ERROR, as it does for the pass.
-    runRecordAdd(RUN_HANDLERS, name, "%s", status == DS_INTERNAL_ERROR ? "ERROR" : verdictWord(verdict));
+    runRecordAdd(RUN_HANDLERS, name, "%s", status == DS_INTERNAL_ERROR ? "ERROR" : meaningOf(verdict).word);
     return status;
 }
 

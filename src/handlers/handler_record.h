@@ -4,7 +4,7 @@
 #include <cstdint>
 #include <list>
 
-#include "handlers/handler_pass.h"
+#include "handlers/queue.h"
 
 // What a record's address names; also the registry's `type` column.
 enum MH_TYPE : int32_t {
@@ -15,9 +15,6 @@ enum MH_TYPE : int32_t {
     MH_TYPE_GLOBAL = 4,
     MH_TYPE_UNSET = 5,
 };
-
-// Value of a record whose queue is not yet set.
-const HandlerQueue MH_QUEUE_UNSET = 5;
 
 // The strings are owned by the record (malloc'd); null means absent.
 struct HandlerRecord {

@@ -33,3 +33,8 @@ sqlite3 *mh_open_registry() {
     }
     return db;
 }
+
+sqlite3 *mh_given_or_own(sqlite3 *db, sqlite3 **own) {
+    *own = db == nullptr ? mh_open_registry() : nullptr;
+    return db != nullptr ? db : *own;
+}

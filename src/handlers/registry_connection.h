@@ -10,6 +10,9 @@ const char *mh_db_message(sqlite3 *db);
 
 // Opens the registry path for reading. Null (logged) on failure.
 sqlite3 *mh_open_registry();
+// db itself, or for a null db one opened as above and also left in *own for
+// the caller to close. Null (logged) on failure.
+sqlite3 *mh_given_or_own(sqlite3 *db, sqlite3 **own);
 
 // A gathering runs the main query six times or more on one connection, and
 // parsing its text is most of what the gathering costs: between these two

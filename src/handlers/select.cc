@@ -9,6 +9,7 @@
 #include <sqlite3.h>
 
 #include "driver/log.h"
+#include "handlers/addresses.h"
 #include "handlers/busy_retry.h"
 #include "handlers/registry.h"
 #include "handlers/registry_connection.h"
@@ -20,8 +21,6 @@ const char kSelect[] =
     "ORDER BY priority DESC";
 const char kAll[] = "all";
 const char kAllRecipients[] = "all-recipients";
-// Addresses are compared in the size the driver accepts them (501 characters).
-const size_t kAddressBufferSize = 502;
 
 // The text compared with the `address` column, or false (logged) for a
 // global key that names neither keyword.
@@ -120,13 +119,10 @@ int mh_select_handlers(sqlite3 *db, HandlerList *list, const HandlerRecord *key)
     if (!addressText(key, address))
         return -1;
 
-    sqlite3 *own = nullptr;
-    if (db == nullptr) {
-        own = mh_open_registry();
-        if (own == nullptr)
-            return -1;
-        db = own;
-    }
+    sqlite3 *own;
+    db = mh_given_or_own(db, &own);
+    if (db == nullptr)
+        return -1;
 
     int result = -1;
     bool reuse = own == nullptr && db == reused.db;

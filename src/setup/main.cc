@@ -28,6 +28,7 @@
 #include "driver/log.h"
 #include "handlers/registry.h"
 #include "paths.h"
+#include "util/directories.h"
 
 namespace {
 
@@ -64,18 +65,12 @@ int run(const std::vector<std::string> &argv) {
 // mkdir -p; only the last component gets owner and mode, parents are left
 // (or made) root-owned 0755 like any system directory.
 bool directory(const std::string &path, uid_t uid, gid_t gid, mode_t mode) {
-    for (size_t pos = path.find('/', 1);; pos = path.find('/', pos + 1)) {
-        std::string prefix = path.substr(0, pos);
-        if (mkdir(prefix.c_str(), pos == std::string::npos ? mode : 0755) != 0 && errno != EEXIST) {
-            fprintf(stderr, "ferndrop-setup: mkdir %s: %s\n", prefix.c_str(), strerror(errno));
-            return false;
-        }
-        if (pos == std::string::npos)
-            break;
-    }
-    struct stat st;
-    if (stat(path.c_str(), &st) != 0 || !S_ISDIR(st.st_mode)) {
-        fprintf(stderr, "ferndrop-setup: %s is not a directory\n", path.c_str());
+    std::string failed;
+    if (makeDirectories(path, mode, &failed) != 0) {
+        if (errno == ENOTDIR && failed == path)
+            fprintf(stderr, "ferndrop-setup: %s is not a directory\n", path.c_str());
+        else
+            fprintf(stderr, "ferndrop-setup: mkdir %s: %s\n", failed.c_str(), strerror(errno));
         return false;
     }
     if (chown(path.c_str(), uid, gid) != 0 || chmod(path.c_str(), mode) != 0) {
@@ -87,6 +82,63 @@ bool directory(const std::string &path, uid_t uid, gid_t gid, mode_t mode) {
 }
 
 std::string parentOf(const std::string &path) { return path.substr(0, path.rfind('/')); }
+
+// The popuser group, added as a system group when missing; its gid, or -1
+// after a message.
+gid_t mailGroup() {
+    if (getgrnam(kGroup) == nullptr) {
+        printf("adding group %s\n", kGroup);
+        if (run({"/usr/sbin/groupadd", "--system", kGroup}) != 0 || getgrnam(kGroup) == nullptr) {
+            fprintf(stderr, "ferndrop-setup: cannot add group %s\n", kGroup);
+            return static_cast<gid_t>(-1);
+        }
+    }
+    return getgrnam(kGroup)->gr_gid;
+}
+
+// The delivery user's uid; only the default user is added when missing.
+// Otherwise 0 with *status set to the exit status.
+uid_t deliveryUser(const std::string &user, int *status) {
+    if (getpwnam(user.c_str()) == nullptr) {
+        if (user != kDefaultUser) {
+            fprintf(stderr, "ferndrop-setup: no user %s\n", user.c_str());
+            *status = 67;
+            return 0;
+        }
+        printf("adding user %s\n", user.c_str());
+        if (run({"/usr/sbin/useradd", "--system", "--gid", kGroup, "--no-create-home", "--no-log-init",
+                 "--home-dir", "/nonexistent", "--shell", "/usr/sbin/nologin", user}) != 0 ||
+            getpwnam(user.c_str()) == nullptr) {
+            fprintf(stderr, "ferndrop-setup: cannot add user %s\n", user.c_str());
+            *status = 1;
+            return 0;
+        }
+    }
+    return getpwnam(user.c_str())->pw_uid;
+}
+
+// A new, empty registry, or an existing one kept with its owner and mode put
+// right. 0 or 1, the exit status.
+int registry(const std::string &path, gid_t gid) {
+    struct stat st;
+    if (stat(path.c_str(), &st) == 0) {
+        // A registry the panel already filled is kept as it is; only who may
+        // read it is put right.
+        if (chown(path.c_str(), 0, gid) != 0 || chmod(path.c_str(), 0640) != 0) {
+            fprintf(stderr, "ferndrop-setup: owner/mode of %s: %s\n", path.c_str(), strerror(errno));
+            return 1;
+        }
+        printf("%s 0640 0:%u (kept)\n", path.c_str(), gid);
+        return 0;
+    }
+    mh_set_db_path(path.c_str());
+    if (mh_create_db() != 0) {
+        fprintf(stderr, "ferndrop-setup: cannot create the handler registry %s\n", path.c_str());
+        return 1;
+    }
+    printf("%s 0640 0:%u (new, empty)\n", path.c_str(), gid);
+    return 0;
+}
 
 }  // namespace
 
@@ -114,52 +166,19 @@ int main(int argc, char **argv) {
     umask(022);
     logInit("stderr", 7, LOG_MAIL, 0, "ferndrop-setup");
 
-    if (getgrnam(kGroup) == nullptr) {
-        printf("adding group %s\n", kGroup);
-        if (run({"/usr/sbin/groupadd", "--system", kGroup}) != 0 || getgrnam(kGroup) == nullptr) {
-            fprintf(stderr, "ferndrop-setup: cannot add group %s\n", kGroup);
-            return 1;
-        }
-    }
-    gid_t gid = getgrnam(kGroup)->gr_gid;
-    if (getpwnam(user.c_str()) == nullptr) {
-        if (user != kDefaultUser) {
-            fprintf(stderr, "ferndrop-setup: no user %s\n", user.c_str());
-            return 67;
-        }
-        printf("adding user %s\n", user.c_str());
-        if (run({"/usr/sbin/useradd", "--system", "--gid", kGroup, "--no-create-home", "--no-log-init",
-                 "--home-dir", "/nonexistent", "--shell", "/usr/sbin/nologin", user}) != 0 ||
-            getpwnam(user.c_str()) == nullptr) {
-            fprintf(stderr, "ferndrop-setup: cannot add user %s\n", user.c_str());
-            return 1;
-        }
-    }
-    uid_t uid = getpwnam(user.c_str())->pw_uid;
+    gid_t gid = mailGroup();
+    if (gid == static_cast<gid_t>(-1))
+        return 1;
+    int status = 0;
+    uid_t uid = deliveryUser(user, &status);
+    if (status != 0)
+        return status;
 
     const std::string spool = root + FERNDROP_SPOOL_DIR;
-    const std::string registry = root + FERNDROP_HANDLERS_DB;
+    const std::string registryPath = root + FERNDROP_HANDLERS_DB;
     const std::string state = root + FERNDROP_STATE_DB;
-    if (!directory(spool, uid, gid, 0750) || !directory(parentOf(registry), 0, 0, 0755) ||
+    if (!directory(spool, uid, gid, 0750) || !directory(parentOf(registryPath), 0, 0, 0755) ||
         !directory(parentOf(state), uid, gid, 0750))
         return 1;
-
-    struct stat st;
-    if (stat(registry.c_str(), &st) == 0) {
-        // A registry the panel already filled is kept as it is; only who may
-        // read it is put right.
-        if (chown(registry.c_str(), 0, gid) != 0 || chmod(registry.c_str(), 0640) != 0) {
-            fprintf(stderr, "ferndrop-setup: owner/mode of %s: %s\n", registry.c_str(), strerror(errno));
-            return 1;
-        }
-        printf("%s 0640 0:%u (kept)\n", registry.c_str(), gid);
-    } else {
-        mh_set_db_path(registry.c_str());
-        if (mh_create_db() != 0) {
-            fprintf(stderr, "ferndrop-setup: cannot create the handler registry %s\n", registry.c_str());
-            return 1;
-        }
-        printf("%s 0640 0:%u (new, empty)\n", registry.c_str(), gid);
-    }
-    return 0;
+    return registry(registryPath, gid);
 }

@@ -19,7 +19,7 @@ char *spool_save_fd(const char *spoolDir, int inFd) {
         free(path);
         return nullptr;
     }
-    if (!files_copy_fd(inFd, fd, 0)) {
+    if (!files_copy_fd(inFd, fd)) {
         LogFunction(3, "cannot save message from stdin to temporary file");
     } else if (fsync(fd) != 0) {
         LogFunction(3, "cannot fsync temporary file - (%d) %s", errno, strerror(errno));

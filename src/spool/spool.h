@@ -1,8 +1,7 @@
-// The private copy of the message, and the byte-copy primitives every reader
-// of it uses. The files_ primitives return 1 on success and 0 on failure.
+// The private copy of the message, and the byte-copy routine every reader of
+// it uses. The files_ forms return 1 on success and 0 on failure.
 #pragma once
 #include <cstddef>
-#include <sys/types.h>
 
 // Saves standard input into a new file "message" + 6 unique characters in the
 // spool directory, synced and closed. Returns its path (caller owns it) or null.
@@ -11,6 +10,22 @@ char *spool_save_stdin();
 // Same for any descriptor into any directory (the spool step, made testable).
 char *spool_save_fd(const char *spoolDir, int fd);
 
-int files_write_buf(int fd, const void *buf, size_t len);
-int files_copy_fd(int in_fd, int out_fd, size_t limit);
-int files_copy_file(const char *path, off_t offset, size_t limit, int out_fd);
+// Where a copy stopped: on the read side, or on a write of `left` bytes of
+// the buffer at `at`.
+struct CopyFailure {
+    bool reading;
+    const void *at;
+    size_t left;
+};
+
+// The one byte-copy routine: the rest of in goes to out byte for byte through
+// read(2) and write(2), short writes continued and interrupted calls retried,
+// so nothing of it stays buffered in the process. true, or false with errno
+// set and *failure (when given) saying where it stopped. Logs nothing.
+bool copyBytes(int in, int out, CopyFailure *failure = nullptr);
+// All of buf to fd the same way.
+bool writeBytes(int fd, const void *buf, size_t len, CopyFailure *failure = nullptr);
+
+// copyBytes, logged; files_copy_file opens path first.
+int files_copy_fd(int in_fd, int out_fd);
+int files_copy_file(const char *path, int out_fd);

@@ -25,12 +25,9 @@
 #include <unistd.h>
 
 #include "driver/log.h"
+#include "util/text.h"
 
 namespace {
-
-std::string trimmed(const std::string &line) {
-    return boost::algorithm::trim_copy(line, std::locale::classic());
-}
 
 const char *lastError(TCHDB *hdb) { return tchdberrmsg(tchdbecode(hdb)); }
 
@@ -142,6 +139,23 @@ void release(TCHDB *hdb, bool finished) {
         tchdbdel(hdb);
 }
 
+// Runs a write or a removal of c's key: 0, or 1 after one log line naming
+// the step ("save", "erase") and the change that failed ("save", "remove").
+int changeRecord(void (*body)(Call *), Call &c, const char *step, const char *change) {
+    bool finished = withinDeadline(body, &c);
+    int result = 0;
+    if (!c.opened) {
+        LogFunction(3, "%s: cannot open delivery database %s: %s", step, c.path,
+                    finished ? lastError(c.hdb) : kTimedOut);
+        result = 1;
+    } else if (!finished || !c.done) {
+        LogFunction(3, "%s: cannot %s key `%s': %s", step, change, c.key, finished ? lastError(c.hdb) : kTimedOut);
+        result = 1;
+    }
+    release(c.hdb, finished);
+    return result;
+}
+
 // The library builds a new file in place: a 256-byte header and then half a
 // megabyte of bucket array in many writes. Cut short (disk full, an I/O
 // error, the process killed), that leaves a file which every later open,
@@ -241,18 +255,7 @@ int DeliveryState::save() {
     c.path = databasePath.c_str();
     c.key = key.c_str();
     c.value = value.c_str();
-    bool finished = withinDeadline(writeRecord, &c);
-    int result = 0;
-    if (!c.opened) {
-        LogFunction(3, "save: cannot open delivery database %s: %s", databasePath.c_str(),
-                    finished ? lastError(c.hdb) : kTimedOut);
-        result = 1;
-    } else if (!finished || !c.done) {
-        LogFunction(3, "save: cannot save key `%s': %s", key.c_str(), finished ? lastError(c.hdb) : kTimedOut);
-        result = 1;
-    }
-    release(c.hdb, finished);
-    return result;
+    return changeRecord(writeRecord, c, "save", "save");
 }
 
 int DeliveryState::erase() {
@@ -263,16 +266,5 @@ int DeliveryState::erase() {
     Call c;
     c.path = databasePath.c_str();
     c.key = key.c_str();
-    bool finished = withinDeadline(removeRecord, &c);
-    int result = 0;
-    if (!c.opened) {
-        LogFunction(3, "erase: cannot open delivery database %s: %s", databasePath.c_str(),
-                    finished ? lastError(c.hdb) : kTimedOut);
-        result = 1;
-    } else if (!finished || !c.done) {
-        LogFunction(3, "erase: cannot remove key `%s': %s", key.c_str(), finished ? lastError(c.hdb) : kTimedOut);
-        result = 1;
-    }
-    release(c.hdb, finished);
-    return result;
+    return changeRecord(removeRecord, c, "erase", "remove");
 }

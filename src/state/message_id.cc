@@ -18,13 +18,11 @@
 #include <unistd.h>
 #include <locale>
 
+#include "util/text.h"
+
 namespace {
 const char kHeaderName[] = "message-id:";
 const size_t kHeaderLength = sizeof(kHeaderName) - 1;
-
-// The classic C locale's rules spelled out, so that a run that reads only
-// this never pays for setting up the locale machinery.
-bool isSpace(char c) { return c == ' ' || (c >= '\t' && c <= '\r'); }
 
 bool isHeaderName(const std::string &start) {
     for (size_t i = 0; i < kHeaderLength; i++) {
@@ -71,14 +69,9 @@ std::string messageIdOf(const std::string &messagePath) {
     // A last line without a line feed counts like any other.
     if (mode != Take)
         return "";
-    size_t first = kHeaderLength, end = line.size();
-    while (end > first && isSpace(line[end - 1]))
-        end--;
-    while (first < end && isSpace(line[first]))
-        first++;
     // A folded value leaves the header line blank; the continuation is
     // deliberately not joined, and no later Message-ID line is consulted.
-    std::string value = line.substr(first, end - first);
+    std::string value = trimmed(std::string_view(line).substr(kHeaderLength));
     return value.find('\0') == std::string::npos ? value : "";
 }
 

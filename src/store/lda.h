@@ -1,23 +1,17 @@
-// Delivery into a mailbox's INBOX (or a "." folder) through the installed
-// IMAP/POP3 server's own delivery agent.
+// Delivery of a spooled message into a mailbox's INBOX (or a "." folder)
+// through the installed IMAP/POP3 server's own delivery agent.
+//
+// Promises: the agent gets the message on descriptor 0, /dev/null on 1 (so
+// nothing it prints can be mistaken for our status line), our standard error
+// on 2, nothing else open, and our environment (DELIVERED_TO included). Its
+// exit status comes back unchanged so that the driver alone decides between
+// quota, permanent and temporary failure. An agent that is not installed or
+// not usable, could not be started, or was killed or stopped says nothing
+// about the message: that is LDA_TRY_LATER, a temporary failure, never a
+// bounce; a stopped agent is killed and reaped, so that it cannot keep our
+// standard error (the transfer agent's pipe) open. -1 is left for a delivery
+// that cannot be attempted at all. Nothing is printed on standard output.
 #pragma once
-
-enum ServerType { SERVER_UNKNOWN = -1, SERVER_COURIER_IMAP = 0, SERVER_DOVECOT = 1 };
-
-ServerType detect_server_type();
-// What detection would find, without logging or remembering it. With
-// SERVER_UNKNOWN, *unusable names an agent that is present but not an
-// executable regular file, or is null when none is present.
-ServerType inspect_server_type(const char **unusable);
-// The remembered detection (SERVER_UNKNOWN before a successful one).
-ServerType cached_server_type();
-// The agent's program path; null for SERVER_UNKNOWN.
-const char *server_agent(ServerType type);
-bool is_inbox_folder(const char *folder);
-bool is_dot_folder(const char *folder);
-int build_maildir_path(char *buffer, unsigned long size, const char *mailname, const char *domain);
-int build_folder_path(char *buffer, unsigned long size, const char *mailname, const char *domain,
-                      const char *folder);
 
 // Not delivered now, nothing said against later: no usable agent installed,
 // no process for it, or it was killed or stopped. mapDeliveryCode reads it,

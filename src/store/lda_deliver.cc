@@ -1,16 +1,4 @@
-// Delivery of a spooled message into a mailbox's INBOX (or a "." folder)
-// through the installed IMAP/POP3 server's own delivery agent.
-//
-// Promises: the agent gets the message on descriptor 0, /dev/null on 1 (so
-// nothing it prints can be mistaken for our status line), our standard error
-// on 2, nothing else open, and our environment (DELIVERED_TO included). Its
-// exit status comes back unchanged so that the driver alone decides between
-// quota, permanent and temporary failure. An agent that is not installed or
-// not usable, could not be started, or was killed or stopped says nothing
-// about the message: that is LDA_TRY_LATER, a temporary failure, never a
-// bounce; a stopped agent is killed and reaped, so that it cannot keep our
-// standard error (the transfer agent's pipe) open. -1 is left for a delivery
-// that cannot be attempted at all. Nothing is printed on standard output.
+// Contract in store/lda.h.
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
@@ -25,6 +13,8 @@
 #include "driver/run_record.h"
 #include "paths.h"
 #include "store/lda.h"
+#include "store/mailbox_paths.h"
+#include "store/server_type.h"
 #include "util/spawn.h"
 
 namespace {
@@ -43,9 +33,6 @@ int agentResult(pid_t pid, const char *agent) {
     return code;
 }
 
-// The store's limit on a path; also bounds the IMAP folder name.
-const unsigned long kPathBufferSize = 4097;
-
 int deliverCourier(int fd, const char *recipient, const char *folder) {
     char *copy = strdup(recipient);
     if (copy == nullptr) {
@@ -56,7 +43,7 @@ int deliverCourier(int fd, const char *recipient, const char *folder) {
     char *mailname = nullptr;
     char *domain = nullptr;
     splitAddress(copy, &mailname, &domain);
-    char maildir[kPathBufferSize];
+    char maildir[kStorePathBufferSize];
     int built = build_folder_path(maildir, sizeof maildir, mailname, domain, folder);
     free(copy);
     if (built != 0)
@@ -72,7 +59,7 @@ int deliverDovecot(int fd, const char *recipient, const char *folder) {
         pid = fork_execl_pipes(fd, -1, STDERR_FILENO, FERNDROP_DOVECOT_LDA, FERNDROP_DOVECOT_LDA, "-d", recipient,
                                static_cast<char *>(nullptr));
     } else if (is_dot_folder(folder)) {
-        char imapFolder[kPathBufferSize];
+        char imapFolder[kStorePathBufferSize];
         int length = snprintf(imapFolder, sizeof imapFolder, "INBOX%s", folder);
         if (length < 0 || static_cast<unsigned long>(length) >= sizeof imapFolder) {
             LogFunction(3, "IMAP folder name 'INBOX%s' is too long to be present on file system", folder);

@@ -1,16 +1,9 @@
-// Folder names and the Maildir paths of a mailbox in the store's own tree
-// (KAVRA_MAILNAMES_D, not the -p directory).
-//
-// Promises: a path is either composed completely within the caller's buffer
-// (terminator included) or refused with -1 and a log line; nothing is written
-// past the buffer's size. Domain and mailname are used exactly as given: the
-// store's agent decides what exists. Only "INBOX" and names starting with "."
-// are accepted as folders (the driver itself only ever asks for "INBOX").
+// Contract in store/mailbox_paths.h.
 #include <cstdio>
 #include <cstring>
 
 #include "driver/log.h"
-#include "store/lda.h"
+#include "store/mailbox_paths.h"
 #include "util/conf.h"
 
 namespace {

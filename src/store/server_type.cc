@@ -1,16 +1,9 @@
-// Which IMAP/POP3 server's delivery agent is installed.
-//
-// Promises: Courier-IMAP's agent wins whenever it exists, even over a usable
-// Dovecot agent, and an unusable Courier agent fails the detection outright
-// rather than silently falling through to Dovecot (a half-installed Courier
-// would otherwise get its mail stored somewhere its users never look).
-// Only a successful detection is remembered, so a failure is looked at again
-// on the next call.
+// Contract in store/server_type.h.
 #include <sys/stat.h>
 
 #include "driver/log.h"
 #include "paths.h"
-#include "store/lda.h"
+#include "store/server_type.h"
 
 namespace {
 ServerType cachedType = SERVER_UNKNOWN;

@@ -17,6 +17,7 @@
 
 #include "driver/log.h"
 #include "paths.h"
+#include "util/text.h"
 
 const ConfigTableRow ConfigTable[30] = {
     {"_MIN_POSSIBLE_QRN_CONF_VAR_NAME", "_MIN_POSSIBLE_QRN_CONF_VAR_VALUE"},
@@ -60,10 +61,6 @@ RuntimeConfig *runtimeConfig = nullptr;
 const char *valueCache[kSlots];
 bool cacheInitialised = false;
 
-// The C locale's classes, spelled out so that no locale setting can change
-// what the file means.
-bool isSpace(char c) { return c == ' ' || c == '\t' || c == '\n' || c == '\v' || c == '\f' || c == '\r'; }
-
 bool isNameChar(char c) {
     return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9') || c == '_';
 }
@@ -76,7 +73,7 @@ int compareEntries(const void *a, const void *b) {
 // Malformed lines are logged and skipped.
 int parseLine(char *line, RuntimeConfig *config) {
     char *start = line;
-    while (isSpace(*start))
+    while (isCSpace(*start))
         start++;
     if (*start == '\0' || *start == '#')
         return 0;
@@ -84,13 +81,13 @@ int parseLine(char *line, RuntimeConfig *config) {
     char *nameEnd = start;
     while (isNameChar(*nameEnd))
         nameEnd++;
-    if (nameEnd == start || !isSpace(*nameEnd)) {
+    if (nameEnd == start || !isCSpace(*nameEnd)) {
         LogFunction(12, "Invalid variable definition %s\nExpected a space after variable name\n", start);
         return 0;
     }
 
     char *value = nameEnd;
-    while (isSpace(*value))
+    while (isCSpace(*value))
         value++;
     if (*value == '\0' || *value == '#') {
         LogFunction(12, "Invalid variable definition %s\nExpected a value", start);
@@ -100,7 +97,7 @@ int parseLine(char *line, RuntimeConfig *config) {
     char *valueEnd = strchr(value, '#');
     if (valueEnd == nullptr)
         valueEnd = value + strlen(value);
-    while (valueEnd > value && isSpace(valueEnd[-1]))
+    while (valueEnd > value && isCSpace(valueEnd[-1]))
         valueEnd--;
     // Cut only after both messages above had the chance to show the full line.
     *nameEnd = '\0';

@@ -1,11 +1,4 @@
-// Starting outside programs (sendmail, the shell, the store's delivery agent)
-// with exactly three descriptors, and decoding how they ended.
-//
-// Promises: a child never inherits anything beyond descriptors 0, 1 and 2, so
-// spool and database handles cannot leak into programs a mailbox names; a
-// failed fork is logged here and returned as -1, a failure of the step that
-// wanted the child, so the run still saves what it served and defers; every
-// abnormal end of a child is logged once, here.
+// Contract in util/spawn.h.
 #include "util/spawn.h"
 
 #include <algorithm>

@@ -1,10 +1,15 @@
-// Starting outside programs with exactly three descriptors, and reading back
-// how they ended.
+// Starting outside programs (sendmail, the shell, the store's delivery agent)
+// with exactly three descriptors, and reading back how they ended.
+//
+// Promises: a child never inherits anything beyond descriptors 0, 1 and 2, so
+// spool and database handles cannot leak into programs a mailbox names; a
+// failed fork is logged here and returned as -1 (errno set), a failure of the
+// step that wanted the child, so the run still saves what it served and
+// defers; every abnormal end of a child is logged once, here.
 #pragma once
 #include <sys/types.h>
 
-// fd -1 means /dev/null. A failed fork is logged and gives -1 (errno set).
-// In the child only descriptors 0, 1 and 2 stay open.
+// fd -1 means /dev/null.
 pid_t fork_execv_pipes(int fd_in, int fd_out, int fd_err, const char *path, char *const argv[]);
 
 // Same, with the arguments listed and ended by a null pointer.
