@@ -1,5 +1,5 @@
 """End-to-end ground: the built ferndrop runs with its compiled-in paths in a
-private mount namespace. /tmp is a tmpfs of the namespace, every case gets
+private mount namespace. Scratch space is a tmpfs of the namespace, every case gets
 fresh overlays over the system directories the delivery path touches, and a
 socket at /dev/log catches the syslog lines. The host keeps nothing."""
 import ctypes, glob, os, queue, re, shutil, socket, sqlite3, subprocess, sys, tempfile, threading
@@ -17,6 +17,9 @@ SCHEMA = ("CREATE TABLE handlers (queue INTEGER, type INTEGER, enabled BOOLEAN, 
           "NOT NULL, address VARCHAR(2048) NOT NULL, executable VARCHAR(2048) NOT NULL, context VARCHAR(2048) NOT NULL,"
           " protected BOOLEAN NOT NULL default 0, PRIMARY KEY (queue, type, name, address, executable, context))")
 OVERLAID = ["/etc", "/usr/local", "/var/lib", "/usr/sbin", "/usr/libexec", "/usr/bin", "/run"]
+# Scratch space: a tmpfs of the namespace over a directory that holds neither the build nor these scripts.
+TMP = next(d for d in ("/tmp", "/var/tmp", "/mnt") if not any(
+    (p + "/").startswith(d + "/") for p in (BIN, os.path.abspath(__file__))))
 libc = ctypes.CDLL(None, use_errno=True)
 lines = queue.Queue()
 
@@ -32,13 +35,13 @@ def enter_namespace():
     if libc.unshare(0x20000) != 0:
         raise OSError(ctypes.get_errno(), "unshare(CLONE_NEWNS)")
     mount(None, "/", None, 0x4000 | 0x40000)  # MS_REC | MS_PRIVATE
-    mount("tmpfs", "/tmp", "tmpfs", 0, "mode=1777,size=2g")
-    os.mkdir("/tmp/dev")
-    mount("/dev", "/tmp/dev", None, 0x1000 | 0x4000)  # MS_BIND | MS_REC
+    mount("tmpfs", TMP, "tmpfs", 0, "mode=1777,size=2g")
+    os.mkdir(TMP + "/dev")
+    mount("/dev", TMP + "/dev", None, 0x1000 | 0x4000)  # MS_BIND | MS_REC
     mount("tmpfs", "/dev", "tmpfs", 0, "mode=0755,size=1m")
     for dev in ("null", "zero", "full", "urandom", "tty"):
         open("/dev/" + dev, "w").close()
-        mount("/tmp/dev/" + dev, "/dev/" + dev, None, 0x1000)
+        mount(TMP + "/dev/" + dev, "/dev/" + dev, None, 0x1000)
     os.symlink("/proc/self/fd", "/dev/fd")
     log = socket.socket(socket.AF_UNIX, socket.SOCK_DGRAM)
     log.bind("/dev/log")
@@ -72,7 +75,7 @@ class World:
     empty registry, a sendmail recorder, and the mailbox alice@example.com with an empty maildir."""
 
     def __init__(self):
-        self.dir = tempfile.mkdtemp(dir="/tmp")
+        self.dir = tempfile.mkdtemp(dir=TMP)
         self.mounted = []
         for d in OVERLAID:
             up, work = self.dir + "/up" + d, self.dir + "/work" + d
@@ -121,8 +124,9 @@ class World:
         calls = f"{self.dir}/calls{path.replace('/', '_')}"
         os.makedirs(calls, exist_ok=True)
         self.write(path, f"#!/bin/sh\nd=$(mktemp -d {calls}/$(date +%s%N).XXX)\nprintf '%s\\n' \"$@\" > $d/argv\n"
-                   # The shell reads this script on descriptor 10: not one of ferndrop's.
-                   f"env > $d/env; ls /proc/$$/fd | grep -vx 10 | tr '\\n' ' ' > $d/fds\ncat > $d/stdin\n"
+                   # Listed before any pipeline holds a pipe; the shell reads this script on descriptor 10.
+                   f"env > $d/env; ls /proc/$$/fd > $d/fdlist; grep -vx 10 $d/fdlist | tr '\\n' ' ' > $d/fds\n"
+                   f"cat > $d/stdin\n"
                    f"{script}\nexit {code}\n", 0o755)
         return calls
 
