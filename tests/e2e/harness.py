@@ -119,15 +119,18 @@ class World:
     def files(self, d):
         return sorted(glob.glob(self.path(d) + "/*"))
 
-    def recorder(self, path, code=0, script=""):
+    def recorder(self, path, code=0):
         """A stand-in program that keeps argv, environment, descriptors and standard input of each call."""
         calls = f"{self.dir}/calls{path.replace('/', '_')}"
         os.makedirs(calls, exist_ok=True)
-        self.write(path, f"#!/bin/sh\nd=$(mktemp -d {calls}/$(date +%s%N).XXX)\nprintf '%s\\n' \"$@\" > $d/argv\n"
-                   # Listed before any pipeline holds a pipe; the shell reads this script on descriptor 10.
-                   f"env > $d/env; ls /proc/$$/fd > $d/fdlist; grep -vx 10 $d/fdlist | tr '\\n' ' ' > $d/fds\n"
-                   f"cat > $d/stdin\n"
-                   f"{script}\nexit {code}\n", 0o755)
+        self.write(path, "#!/usr/bin/python3 -S\nimport os, sys, time\n"
+                   # The listing's own descriptor is closed again once it has been read.
+                   "fds = [n for n in os.listdir('/proc/self/fd') if os.path.exists('/proc/self/fd/' + n)]\n"
+                   f"d = '{calls}/%d' % time.time_ns()\nos.mkdir(d)\n"
+                   "for name, text in [('argv', ''.join(a + '\\n' for a in sys.argv[1:])), ('fds', ' '.join("
+                   "sorted(fds, key=int)) + ' '), ('env', ''.join(k + '=' + v + '\\n' for k, v in os.environ.items())),"
+                   " ('stdin', sys.stdin.read())]:\n    open(d + '/' + name, 'w').write(text)\n"
+                   f"sys.exit({code})\n", 0o755)
         return calls
 
     def calls(self, path="/usr/sbin/sendmail"):
