@@ -98,35 +98,33 @@ bool withinDeadline(void (*body)(Call *), Call *call) {
 }
 
 // The bodies: each makes a handle, opens, makes its one call and closes.
-void readRecord(Call *c) {
+bool openHandle(Call *c, int mode) {
     c->hdb = tchdbnew();
-    c->opened = tchdbopen(c->hdb, c->path, HDBOREADER);
-    if (!c->opened)
+    c->opened = tchdbopen(c->hdb, c->path, mode);
+    return c->opened;
+}
+
+void readRecord(Call *c) {
+    if (!openHandle(c, HDBOREADER))
         return;
     c->value = tchdbget2(c->hdb, c->key);
     tchdbclose(c->hdb);
 }
 
 void openWriterCreating(Call *c) {
-    c->hdb = tchdbnew();
-    c->opened = tchdbopen(c->hdb, c->path, HDBOWRITER | HDBOCREAT);
-    if (c->opened)
+    if (openHandle(c, HDBOWRITER | HDBOCREAT))
         c->done = tchdbclose(c->hdb);
 }
 
 void writeRecord(Call *c) {
-    c->hdb = tchdbnew();
-    c->opened = tchdbopen(c->hdb, c->path, HDBOWRITER);
-    if (!c->opened)
+    if (!openHandle(c, HDBOWRITER))
         return;
     c->done = tchdbput2(c->hdb, c->key, c->value);
     tchdbclose(c->hdb);
 }
 
 void removeRecord(Call *c) {
-    c->hdb = tchdbnew();
-    c->opened = tchdbopen(c->hdb, c->path, HDBOWRITER);
-    if (!c->opened)
+    if (!openHandle(c, HDBOWRITER))
         return;
     c->done = tchdbout2(c->hdb, c->key);
     tchdbclose(c->hdb);
