@@ -1,0 +1,177 @@
+// Contract in util/settings.h.
+#include "util/settings.h"
+
+#include <cerrno>
+#include <cstdlib>
+#include <cstring>
+#include <map>
+
+#include "driver/log.h"
+#include "paths.h"
+#include "util/conf.h"
+
+namespace {
+
+bool isNumber(const std::string &v) {
+    return !v.empty() && v.size() <= 12 && v.find_first_not_of("0123456789") == std::string::npos;
+}
+
+bool isYesNo(const std::string &v) { return v == "yes" || v == "no"; }
+
+// One word of choices ("a|b|c").
+bool isOneOf(const std::string &v, const char *choices) {
+    std::string all = std::string("|") + choices + "|";
+    return !v.empty() && v.find('|') == std::string::npos && all.find("|" + v + "|") != std::string::npos;
+}
+
+// A comma list of choices without repeats, in any order.
+bool isListOf(const std::string &v, const char *choices) {
+    if (v.empty())
+        return false;
+    std::vector<std::string> seen;
+    size_t start = 0;
+    for (;;) {
+        size_t comma = v.find(',', start);
+        std::string item = v.substr(start, comma == std::string::npos ? std::string::npos : comma - start);
+        if (!isOneOf(item, choices))
+            return false;
+        for (const std::string &s : seen)
+            if (s == item)
+                return false;
+        seen.push_back(item);
+        if (comma == std::string::npos)
+            return true;
+        start = comma + 1;
+    }
+}
+
+enum Kind { YESNO, NUMBER, CHOICE, LIST, TEXT };
+
+struct Row {
+    const char *name;
+    const char *defaultValue;
+    Kind kind;
+    const char *choices;  // CHOICE and LIST; TEXT: characters a value must not hold
+};
+
+// The table: every setting ferndrop reads, with its default. ferndrop(8)
+// documents each and debian/ferndrop.conf ships each commented out.
+const Row kRows[] = {
+    {"fold_recipient_case", "yes", YESNO, nullptr},
+    {"recipient_delimiter", "+", TEXT, "@/ \t"},
+    {"unknown_user", "bounce", CHOICE, "bounce|drop"},
+};
+
+bool accepts(const Row &row, const std::string &v) {
+    switch (row.kind) {
+    case YESNO:
+        return isYesNo(v);
+    case NUMBER:
+        return isNumber(v);
+    case CHOICE:
+        return isOneOf(v, row.choices);
+    case LIST:
+        return v == "none" || isListOf(v, row.choices);
+    case TEXT:
+        return !v.empty() && v.find_first_of(row.choices) == std::string::npos;
+    }
+    return false;
+}
+
+struct Loaded {
+    std::map<std::string, std::string> values;
+    std::map<std::string, const char *> sources;
+};
+
+Loaded *loaded = nullptr;
+
+const Row &rowOf(const char *name) {
+    for (const Row &row : kRows)
+        if (strcmp(row.name, name) == 0)
+            return row;
+    LogFunction(3, "ferndrop: no setting named %s", name);
+    abort();
+}
+
+void load() {
+    loaded = new Loaded;
+    for (const Row &row : kRows) {
+        loaded->values[row.name] = row.defaultValue;
+        loaded->sources[row.name] = "default";
+    }
+    RuntimeConfig file{};
+    FILE *probe = fopen(FERNDROP_SETTINGS_FILE, "re");
+    if (probe == nullptr) {
+        if (errno != ENOENT)
+            LogFunction(4, "unable to read %s: %s; every setting has its default", FERNDROP_SETTINGS_FILE,
+                        strerror(errno));
+        return;
+    }
+    fclose(probe);
+    if (conf_parse_file(FERNDROP_SETTINGS_FILE, &file) != 0) {
+        LogFunction(4, "unable to read %s; every setting has its default", FERNDROP_SETTINGS_FILE);
+        for (size_t i = 0; i < file.count; i++)
+            free(file.entries[i].name), free(file.entries[i].value);
+        free(file.entries);
+        return;
+    }
+    for (size_t i = 0; i < file.count; i++) {
+        const char *name = file.entries[i].name, *value = file.entries[i].value;
+        const Row *row = nullptr;
+        for (const Row &r : kRows)
+            if (strcmp(r.name, name) == 0)
+                row = &r;
+        if (row == nullptr) {
+            LogFunction(4, "%s: unknown setting %s ignored", FERNDROP_SETTINGS_FILE, name);
+        } else if (!accepts(*row, value)) {
+            LogFunction(4, "%s: invalid value \"%s\" for %s; the default %s is used", FERNDROP_SETTINGS_FILE, value,
+                        name, row->defaultValue);
+            loaded->sources[name] = "invalid";
+        } else {
+            loaded->values[name] = value;
+            loaded->sources[name] = "file";
+        }
+        free(file.entries[i].name);
+        free(file.entries[i].value);
+    }
+    free(file.entries);
+}
+
+}  // namespace
+
+const std::string &settingText(const char *name) {
+    const Row &row = rowOf(name);
+    if (loaded == nullptr)
+        load();
+    return loaded->values[row.name];
+}
+
+long long settingNumber(const char *name) { return strtoll(settingText(name).c_str(), nullptr, 10); }
+
+bool settingYes(const char *name) { return settingText(name) == "yes"; }
+
+std::vector<std::string> settingList(const char *name) {
+    const std::string &v = settingText(name);
+    std::vector<std::string> items;
+    if (v == "none")
+        return items;
+    size_t start = 0;
+    for (size_t comma; (comma = v.find(',', start)) != std::string::npos; start = comma + 1)
+        items.push_back(v.substr(start, comma - start));
+    items.push_back(v.substr(start));
+    return items;
+}
+
+std::vector<SettingInEffect> settingsInEffect() {
+    if (loaded == nullptr)
+        load();
+    std::vector<SettingInEffect> all;
+    for (const Row &row : kRows)
+        all.push_back({row.name, loaded->values[row.name], loaded->sources[row.name]});
+    return all;
+}
+
+void settingsReset() {
+    delete loaded;
+    loaded = nullptr;
+}
