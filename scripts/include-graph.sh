@@ -17,4 +17,4 @@ for dir in */; do
   done
 done
 tsort <<<"$edges" >/dev/null 2>&1 || { echo "cycle:" >&2; tsort <<<"$edges" 2>&1 >/dev/null | sed 1d >&2; exit 1; }
-echo "no cycle"
+echo "no cycle; from the executables down: $(tsort <<<"$edges" | tr '\n' ' ')"

@@ -13,6 +13,7 @@
 #include "dotqmail/qmail_file.h"
 
 #include <cerrno>
+#include <cstdarg>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -88,14 +89,39 @@ void note(int number, QmailLineKind kind, const char *word) {
         runRecordAdd(RUN_QMAIL, std::to_string(number).c_str(), "%s:%s", qmailLineKindName(kind), word);
 }
 
+// A look's account of one line; nothing without a look.
+void seen(QmailLook *look, int number, const std::string &raw, const char *verdict, int sameAs = 0) {
+    if (look != nullptr) {
+        QmailLine line = parseQmailLine(raw);
+        look->lines.push_back({number, line.kind, line.value, trimmed(raw), verdict, sameAs});
+    }
+}
+
+// The earlier line of this run that raw repeats; 0 when none.
+int repeatOf(const QmailLook *look, const std::string &raw) {
+    std::string text = trimmed(raw);
+    for (const QmailLineSeen &l : look->lines)
+        if ((strcmp(l.verdict, "runs") == 0 || strcmp(l.verdict, "nothing-to-do") == 0) && l.text == text)
+            return l.number;
+    return 0;
+}
+
 int processOpenFile(FILE *file, const char *fileName, bool executable, const char *messagePath,
-                    const char *sender, const char *recipient, const char *workDir) {
-    deliveryManager manager(messagePath, sender, recipient);
+                    const char *sender, const char *recipient, const char *workDir, QmailLook *look) {
+    deliveryManager manager(messagePath != nullptr ? messagePath : "", sender, recipient, FERNDROP_STATE_DB,
+                            look != nullptr);
+    if (look != nullptr) {
+        look->state = manager.found();
+        look->served = manager.servedCount();
+        look->key = manager.deliveryKey();
+    }
     int result = 0;
     std::string raw;
-    for (int number = 1; nextLine(file, raw); number++) {
+    int number = 1;
+    for (; nextLine(file, raw); number++) {
         if (manager.isDelivered(raw)) {
             note(number, parseQmailLine(raw).kind, "skipped");
+            seen(look, number, raw, "skipped", look != nullptr ? repeatOf(look, raw) : 0);
             continue;
         }
         QmailLine line = parseQmailLine(raw);
@@ -104,15 +130,25 @@ int processOpenFile(FILE *file, const char *fileName, bool executable, const cha
         if (executable && line.kind != ForwardLine && line.kind != EmptyLine) {
             fputs(".qmail has prog delivery but has x bit set. (#4.7.0)\n", stderr);
             note(number, line.kind, "refused");
+            seen(look, number, raw, "refused");
             result = DR_TEMPORARY;
+            number++;
             break;
         }
-        result = carryOut(line, messagePath, sender, recipient, workDir);
-        note(number, line.kind, result == 0 ? "served" : result == DR_DELIVERED_SKIP_REST ? "stopped" : "failed");
-        if (result != 0)
-            break;
+        if (look != nullptr) {
+            seen(look, number, raw, line.kind == EmptyLine ? "nothing-to-do" : "runs");
+            look->assumesSuccess |= line.kind != EmptyLine;
+        } else {
+            result = carryOut(line, messagePath, sender, recipient, workDir);
+            note(number, line.kind,
+                 result == 0 ? "served" : result == DR_DELIVERED_SKIP_REST ? "stopped" : "failed");
+            if (result != 0)
+                break;
+        }
         manager.markDelivered(raw);
     }
+    for (; look != nullptr && nextLine(file, raw); number++)
+        seen(look, number, raw, "not-reached");
     if (ferror(file)) {
         LogFunction(3, "Error while reading file `%s'", fileName);
         return DR_LOCAL_ERROR;
@@ -155,22 +191,38 @@ namespace {
 // how. A refusal is logged; a missing file is not.
 enum QmailFileState { QMAIL_MISSING, QMAIL_REFUSED, QMAIL_USABLE, QMAIL_EXECUTABLE };
 
-QmailFileState examineQmail(const char *fileName) {
+// Logs why the file cannot be used, and keeps the first reason for a look.
+__attribute__((format(printf, 2, 3))) void refuse(QmailLook *look, const char *format, ...) {
+    char text[1024];
+    va_list args;
+    va_start(args, format);
+    vsnprintf(text, sizeof text, format, args);
+    va_end(args);
+    LogFunction(3, "%s", text);
+    if (look != nullptr && look->refusal.empty()) {
+        look->file = "refused";
+        look->refusal = trimmed(text);
+    }
+}
+
+QmailFileState examineQmail(const char *fileName, QmailLook *look) {
     struct stat st;
     if (stat(fileName, &st) != 0) {
         if (errno == ENOENT)
             return QMAIL_MISSING;
-        LogFunction(3, "System error %s: %s\n", fileName, strerror(errno));
+        refuse(look, "System error %s: %s\n", fileName, strerror(errno));
         return QMAIL_REFUSED;
     }
     // A FIFO would block the open for as long as nobody writes to it; a
     // device or a directory holds no instructions either.
+    if (look != nullptr)
+        look->mode = st.st_mode & 07777;
     if (!S_ISREG(st.st_mode)) {
-        LogFunction(3, "File %s is not a regular file\n", fileName);
+        refuse(look, "File %s is not a regular file\n", fileName);
         return QMAIL_REFUSED;
     }
     if (st.st_mode & (S_IWGRP | S_IWOTH)) {
-        LogFunction(3, "File %s is writable for group or others\n", fileName);
+        refuse(look, "File %s is writable for group or others\n", fileName);
         return QMAIL_REFUSED;
     }
     return (st.st_mode & (S_IXUSR | S_IXGRP | S_IXOTH)) ? QMAIL_EXECUTABLE : QMAIL_USABLE;
@@ -179,8 +231,8 @@ QmailFileState examineQmail(const char *fileName) {
 }  // namespace
 
 int processQmailFile(const char *fileName, const char *messagePath, const char *sender,
-                     const char *recipient) {
-    QmailFileState state = examineQmail(fileName);
+                     const char *recipient, QmailLook *look) {
+    QmailFileState state = examineQmail(fileName, look);
     if (state == QMAIL_MISSING)
         return DR_NO_INSTRUCTIONS;
     if (state == QMAIL_REFUSED) {
@@ -193,19 +245,19 @@ int processQmailFile(const char *fileName, const char *messagePath, const char *
     if (fd < 0) {
         if (errno == ENOENT)
             return DR_NO_INSTRUCTIONS;
-        LogFunction(3, "Cannot open file `%s' to read: %s\n", fileName, strerror(errno));
+        refuse(look, "Cannot open file `%s' to read: %s\n", fileName, strerror(errno));
         return DR_LOCAL_ERROR;
     }
     struct stat opened;
     if (fstat(fd, &opened) != 0 || !S_ISREG(opened.st_mode)) {
-        LogFunction(3, "File %s is not a regular file\n", fileName);
+        refuse(look, "File %s is not a regular file\n", fileName);
         LogFunction(3, "Wrong permissions for %s", fileName);
         close(fd);
         return DR_LOCAL_ERROR;
     }
     std::unique_ptr<FILE, FileCloser> file(fdopen(fd, "r"));
     if (!file) {
-        LogFunction(3, "Cannot open file `%s' to read: %s\n", fileName, strerror(errno));
+        refuse(look, "Cannot open file `%s' to read: %s\n", fileName, strerror(errno));
         close(fd);
         return DR_LOCAL_ERROR;
     }
@@ -214,8 +266,13 @@ int processQmailFile(const char *fileName, const char *messagePath, const char *
     // decision to drop the mail. Only lines, even blank or comment ones, can
     // say "discard". Looked at in what is read, not in the size examined.
     int first = getc(file.get());
-    if (first == EOF && !ferror(file.get()))
+    if (look != nullptr)
+        look->file = state == QMAIL_EXECUTABLE ? "executable" : "usable";
+    if (first == EOF && !ferror(file.get())) {
+        if (look != nullptr)
+            look->file = "empty";
         return DR_NO_INSTRUCTIONS;
+    }
     if (first != EOF)
         ungetc(first, file.get());
     // dirname() may change its argument, so it works on a copy.
@@ -227,7 +284,7 @@ int processQmailFile(const char *fileName, const char *messagePath, const char *
     const char *workDir = dirname(nameCopy.get());
     try {
         return processOpenFile(file.get(), fileName, state == QMAIL_EXECUTABLE, messagePath, sender,
-                               recipient, workDir);
+                               recipient, workDir, look);
     } catch (const std::bad_alloc &) {
         // Only memory can fail inside; the manager has already saved what was
         // marked on its way out.

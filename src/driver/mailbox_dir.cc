@@ -21,7 +21,7 @@ void splitAddress(char *address, char **mailname, char **domain) {
     }
 }
 
-int chdirCaseless(const char *name) {
+int chdirCaseless(const char *name, std::string *entered) {
     if (name == nullptr) {
         errno = ENOENT;
         return -1;
@@ -37,8 +37,11 @@ int chdirCaseless(const char *name) {
         errno = ENOTDIR;
         return -1;
     }
-    if (chdir(name) == 0)
+    if (chdir(name) == 0) {
+        if (entered != nullptr)
+            *entered = name;
         return 0;
+    }
     if (errno != ENOENT)
         return -1;
 
@@ -57,6 +60,8 @@ int chdirCaseless(const char *name) {
             continue;
         int result = chdir(entry->d_name);
         int saved = errno;
+        if (result == 0 && entered != nullptr)
+            *entered = entry->d_name;
         closedir(dir);
         errno = saved;
         return result;
@@ -82,22 +87,33 @@ int failureKind(int err) {
 
 }  // namespace
 
-int enterMailboxDir(const char *mailnamesDir, const char *domain, const char *mailname) {
+int enterMailboxDir(const char *mailnamesDir, const char *domain, const char *mailname, MailboxFound *found) {
+    MailboxFound own;
+    if (found == nullptr)
+        found = &own;
+    *found = MailboxFound{};
+    found->taken = 1;
+    found->steps[0].given = mailnamesDir;
     // Whatever the reason (missing, not mounted), no recipient is unknown
     // while the root of the tree is out of reach.
     if (chdir(mailnamesDir) != 0) {
+        found->steps[0].error = errno;
         LogFunction(19, "cannot chdir to mailnames dir %s: %s", mailnamesDir, strerror(errno));
         return MAILBOX_UNREACHABLE;
     }
-    if (chdirCaseless(domain) != 0) {
-        int err = errno;
-        LogFunction(19, "cannot chdir to domain dir %s: %s", domain, strerror(err));
-        return failureKind(err);
-    }
-    if (chdirCaseless(mailname) != 0) {
-        int err = errno;
-        LogFunction(19, "cannot chdir to mailname dir %s: %s", mailname, strerror(err));
-        return failureKind(err);
+    found->steps[0].entered = mailnamesDir;
+    const char *const failures[] = {"cannot chdir to domain dir %s: %s", "cannot chdir to mailname dir %s: %s"};
+    const char *const names[] = {domain, mailname};
+    for (int i = 0; i < 2; i++) {
+        MailboxStep &step = found->steps[++found->taken - 1];
+        step.given = names[i] != nullptr ? names[i] : "";
+        if (chdirCaseless(names[i], &step.entered) != 0) {
+            step.error = errno;
+            step.entered.clear();
+            LogFunction(19, failures[i], names[i], strerror(step.error));
+            return failureKind(step.error);
+        }
+        step.caseless = step.entered != names[i];
     }
     return 0;
 }

@@ -12,6 +12,7 @@
 // reason (EIO, EACCES, EMFILE), says nothing about the recipient, and the
 // message must wait for the tree to come back rather than be dropped.
 #pragma once
+#include <string>
 
 // Cuts address at its first "@" (in place). domain is null without an "@";
 // both are null for a null address.
@@ -23,10 +24,25 @@ enum {
     MAILBOX_UNREACHABLE = -2  // the tree cannot be searched now (any other failure)
 };
 
+// How each step down the tree went, for whoever must name the directories
+// actually entered (ferndrop-explain, the store's paths).
+struct MailboxStep {
+    std::string given;   // the name asked for
+    std::string entered; // the name entered; empty when the step failed
+    bool caseless;       // entered by a match without regard to case
+    int error;           // errno of a failed step, else 0
+};
+struct MailboxFound {
+    MailboxStep steps[3];  // the mailnames directory, the domain, the mailname
+    int taken = 0;         // steps tried
+};
+
 // Makes the mailbox directory the working directory: 0, or one of the values
-// above after one log line.
-int enterMailboxDir(const char *mailnamesDir, const char *domain, const char *mailname);
+// above after one log line. found, when given, tells how each step went.
+int enterMailboxDir(const char *mailnamesDir, const char *domain, const char *mailname,
+                    MailboxFound *found = nullptr);
 
 // Changes into one subdirectory of the current directory, exact name first:
-// 0, or -1 with errno set. Names holding "/" and the names "." and ".." are refused.
-int chdirCaseless(const char *name);
+// 0, or -1 with errno set. Names holding "/" and the names "." and ".." are
+// refused. entered, when given, gets the name entered.
+int chdirCaseless(const char *name, std::string *entered = nullptr);

@@ -98,13 +98,13 @@ void putPair(char *line, size_t size, size_t *length, const char *key, const cha
     put(line, size, length, " %s=%s", key, encoded);
 }
 
-const char *outcomeFor(int status) {
+}  // namespace
+
+const char *runOutcomeFor(int status) {
     if (status == 0)
         return "delivered";
     return status == 75 ? "deferred" : "bounced";
 }
-
-}  // namespace
 
 void runRecordStart(const char *sender, const char *recipient) {
     record = RunRecord{};
@@ -153,7 +153,7 @@ void runRecordFinish(int status, const char *text) {
     putPair(line, sizeof line, &length, "from", record.sender);
     putPair(line, sizeof line, &length, "message_id", record.messageId);
     put(line, sizeof line, &length, " outcome=%s status=%d code=", record.outcome != nullptr ? record.outcome
-                                                                                             : outcomeFor(status),
+                                                                                             : runOutcomeFor(status),
         status);
     // The enhanced status code leads the status text; no text means success.
     const char *code = text != nullptr && text[0] != '\0' ? text : "2.0.0";

@@ -2,7 +2,7 @@
 // who, which message, how it ended and what was done, as key=value pairs a
 // log tool can split. The driver starts the record once the command line is
 // accepted; the handler pass, the .qmail processing and the store delivery
-// each add what they did; exitWith (main_exits.h) logs it once, at priority 6, on the
+// each add what they did; the executable's exit logs it once, at priority 6, on the
 // way out. Before the start nothing is recorded and nothing is logged.
 #pragma once
 
@@ -16,6 +16,9 @@ void runRecordMessageId(const char *messageId);
 // An outcome the exit status cannot tell: a discarded message and an unknown
 // user exit 0 like a delivery.
 void runRecordOutcome(const char *outcome);
+// The outcome word of an exit status when no other was recorded:
+// delivered, deferred or bounced.
+const char *runOutcomeFor(int status);
 
 // Appends "name:word" to a list. The name is encoded like every value; the
 // word is the caller's plain text (no blanks, no commas).

@@ -1,22 +1,27 @@
-// ferndrop-explain: answers "where would mail to this recipient go" the way
-// a delivery would find it, and changes nothing: no spool file, no child, no
-// database or registry write.
+// ferndrop-explain: answers "where would mail to this recipient go" by
+// walking the delivery's own run sequence in its look mode, and changes
+// nothing: no spool file, no child, no database or registry write.
 //
 //   ferndrop-explain -f SENDER -d RECIPIENT -p MAILNAMES_DIR [--json] [MESSAGE_FILE]
 //
-// The message file is read only for its Message-ID, which keys the delivery
-// state; without it the state column says it needs one. Messages of the
-// libraries go to standard error, never to the system log, so that the
-// support desk's log stays the record of real deliveries.
+// The message file is what the delivery would read on standard input; its
+// Message-ID keys the delivery state, so without it no line counts as
+// served. Messages of the libraries go to standard error, never to the
+// system log, so that the support desk's log stays the record of real
+// deliveries.
+#include <fcntl.h>
 #include <getopt.h>
 #include <syslog.h>
+#include <unistd.h>
 
+#include <cerrno>
 #include <cstdio>
-#include <optional>
+#include <cstring>
 #include <string>
 
+#include "delivery/run.h"
 #include "driver/log.h"
-#include "explain/explain.h"
+#include "explain/print.h"
 
 namespace {
 
@@ -29,11 +34,12 @@ void usage(FILE *to) {
 int main(int argc, char **argv) {
     static const option kLong[] = {{"json", no_argument, nullptr, 'j'}, {"help", no_argument, nullptr, 'h'}, {}};
     std::string sender, recipient, mailnames;
-    bool json = false;
+    bool json = false, haveSender = false;
     for (int c; (c = getopt_long(argc, argv, "f:d:p:h", kLong, nullptr)) != -1;) {
         switch (c) {
         case 'f':
             sender = optarg;
+            haveSender = true;
             break;
         case 'd':
             recipient = optarg;
@@ -52,15 +58,20 @@ int main(int argc, char **argv) {
             return 64;
         }
     }
-    if (sender.empty() || recipient.empty() || mailnames.empty() || argc - optind > 1) {
+    if (!haveSender || recipient.empty() || mailnames.empty() || argc - optind > 1) {
         usage(stderr);
         return 64;
     }
-    std::optional<std::string> messageFile;
-    if (optind < argc)
-        messageFile = argv[optind];
+    const char *messageFile = optind < argc ? argv[optind] : nullptr;
+    if (messageFile != nullptr && access(messageFile, R_OK) != 0) {
+        fprintf(stderr, "ferndrop-explain: cannot read %s: %s\n", messageFile, strerror(errno));
+        return 66;
+    }
     logInit("stderr", 6, LOG_MAIL, 0, "ferndrop-explain");
-    Explanation e = explain(sender, recipient, mailnames, messageFile);
+    Explained e;
+    e.sender = sender, e.recipient = recipient, e.mailnames = mailnames;
+    e.messageFile = messageFile != nullptr ? messageFile : "";
+    e.ending = runDelivery({sender.c_str(), recipient.c_str(), mailnames.c_str(), messageFile}, &e.look);
     if (json)
         printJson(e);
     else

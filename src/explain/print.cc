@@ -1,11 +1,19 @@
-// The two forms of an explanation: aligned text for the support desk and one
-// JSON object for scripts. Both print the same facts in the same order, and
-// nothing in them depends on the time or the process.
+// Contract in explain/print.h. Both forms print the same facts in the same
+// order, and nothing in them depends on the time or the process.
+#include <sys/stat.h>
+
 #include <cstdio>
+#include <cstring>
 #include <string>
 #include <vector>
 
-#include "explain/explain.h"
+#include "driver/run_record.h"
+#include "explain/print.h"
+#include "handlers/registry.h"
+#include "paths.h"
+#include "state/delivery_state.h"
+#include "state/message_id.h"
+#include "util/settings.h"
 
 namespace {
 
@@ -77,109 +85,54 @@ void table(const std::vector<std::vector<std::string>> &rows) {
     }
 }
 
-void handlersText(const HandlerLook &h) {
-    printf("\nhandlers: registry %s", h.registry.c_str());
-    if (h.state == "missing") {
-        printf(" is missing: no handler runs; a delivery that may create files there leaves an empty registry,\n"
-               "  one that may not defers (75 4.1.0)\n");
-        return;
-    }
-    if (h.state == "no-table") {
-        printf(" has no handlers table: no handler runs\n");
-        return;
-    }
-    if (h.state == "unreadable") {
-        printf(" cannot be read (%s): a delivery that cannot read it either defers (75 4.1.0)\n",
-               h.problem.c_str());
-        return;
-    }
-    printf("; %zu would run%s\n", h.runs.size(), h.runs.empty() ? "" : ", in this order");
-    if (!h.runs.empty()) {
-        // Paths go last, so that no column's width depends on where the tree lives.
-        std::vector<std::vector<std::string>> rows = {{"#", "kind", "name", "context", "address", "program"}};
-        for (size_t i = 0; i < h.runs.size(); i++) {
-            const HandlerRun &r = h.runs[i];
-            std::string program = shown(r.program) + (r.programState == "executable" ? "" : " (" + r.programState + ")");
-            rows.push_back({std::to_string(i + 1), r.kind, shown(r.name), shown(r.context), shown(r.address), program});
-        }
-        table(rows);
-    }
-    if (!h.idle.empty())
-        printf("  rows that do not apply:\n");
-    for (const IdleRow &r : h.idle) {
-        std::string why;
-        for (const auto &reason : r.reasons)
-            why += (why.empty() ? "" : "; ") + reason;
-        printf("  - %s %s (address %s, program %s): %s\n", r.kind.c_str(), shown(r.name).c_str(),
-               shown(r.address).c_str(), shown(r.program).c_str(), why.c_str());
-    }
-    if (!h.problem.empty())
-        printf("  (the rows that do not apply could not be listed: %s)\n", h.problem.c_str());
+const char *const kHandlerKinds[] = {"sender", "recipient", "sender-domain", "recipient-domain", "global"};
+
+const char *kindOf(const HandlerRecord *r) {
+    return r->type >= 0 && r->type <= MH_TYPE_GLOBAL ? kHandlerKinds[r->type] : "unknown";
 }
 
-void mailboxText(const MailboxLook &m) {
-    if (m.found)
-        printf("\nmailbox: %s\n", m.path.c_str());
-    else
-        printf("\nmailbox: not found\n");
-    for (const MailboxStep &s : m.steps) {
-        std::string how = s.how == "failed" ? "cannot be entered: " + s.error
-                          : s.how == "caseless" ? "no exact name; caseless match " + shown(s.entered)
-                          : s.step == "mailnames" ? "entered"
-                                                  : "exact name";
-        printf("  %s %s: %s\n", s.step == "mailnames" ? "mailnames dir" : s.step.c_str(), shown(s.given).c_str(),
-               how.c_str());
-    }
+std::string str(const char *s) { return s != nullptr ? s : ""; }
+
+// A fact about the program file, shown beside the handler; not a decision.
+std::string programState(const char *path) {
+    struct stat st;
+    if (path == nullptr || stat(path, &st) != 0)
+        return "missing";
+    return S_ISREG(st.st_mode) && (st.st_mode & 0111) != 0 ? "executable" : "not executable";
 }
 
-const char *stateLine(const QmailLook &q) {
-    static std::string line;
-    const std::string &db = q.stateDatabase;
-    if (q.stateStatus == "needs-message")
-        line = "needs a message file (its Message-ID keys the record)";
-    else if (q.stateStatus == "off")
-        line = "off: the message has no Message-ID, so every line runs (a repeated line twice)";
-    else if (q.stateStatus == "no-database")
-        line = "no database at " + db + " yet: nothing served";
-    else if (q.stateStatus == "no-record")
-        line = "no record for this message in " + db;
-    else if (q.stateStatus == "record")
-        line = "the record for this message in " + db + " holds " + std::to_string(q.served) + " served line" +
-               (q.served == 1 ? "" : "s");
-    else
-        line = db + " cannot be read: " + q.stateProblem;
-    return line.c_str();
+const char *stateWord(const Explained &e) {
+    static const char *const kWords[] = {"off", "no-database", "no-record", "record", "unreadable"};
+    if (e.messageFile.empty())
+        return "needs-message";
+    return kWords[e.look.qmail.state];
 }
 
-void qmailText(const QmailLook &q) {
-    printf("\n.qmail: mode %s, permissions %s%s\n", q.mode.c_str(), q.permissions.c_str(),
-           q.permissions == "refused" ? ""
-           : q.executeBit             ? ", execute bit set: program, maildir and mbox lines are refused"
-                                      : ", no execute bit");
-    if (q.permissions == "refused") {
-        printf("  %s\n", q.permissionProblem.c_str());
-        return;
+// Where the look stopped and why, in the order the run takes the steps.
+std::string why(const Explained &e) {
+    const RunLook &l = e.look;
+    std::string stage = l.stage;
+    if (stage == "recipient")
+        return "the recipient address is refused";
+    if (stage == "spool")
+        return "the spool directory " FERNDROP_SPOOL_DIR " cannot take the message";
+    if (stage == "handlers")
+        return l.outcome != nullptr ? "a handler discards the message" : "the handler registry cannot be read";
+    if (stage == "mailbox")
+        return l.outcome != nullptr ? "no such mailbox" : "the mailnames tree cannot be searched now";
+    if (stage == "qmail") {
+        if (!l.qmail.refusal.empty())
+            return l.qmail.refusal;
+        for (const QmailLineSeen &line : l.qmail.lines)
+            if (std::string(line.verdict) == "refused")
+                return "line " + std::to_string(line.number) + " is refused: the .qmail has its execute bit set";
+        return e.ending.status == 0 ? "the .qmail's lines are carried out" : "the .qmail cannot be read";
     }
-    if (!q.stateStatus.empty())
-        printf("  delivery state: %s\n", stateLine(q));
-    if (!q.lines.empty()) {
-        std::vector<std::vector<std::string>> rows = {{"line", "kind", "state", "verdict", "value"}};
-        for (const QmailLineLook &l : q.lines) {
-            std::string state = l.state == "not-served" ? "not served" : l.state == "needs-message" ? "needs message"
-                                                                                                   : l.state;
-            std::string verdict = l.verdict == "skipped" && l.sameAs != 0
-                                      ? "skipped: same as line " + std::to_string(l.sameAs)
-                                  : l.verdict == "skipped"       ? "skipped: already served"
-                                  : l.verdict == "refused"       ? "refused: execute bit"
-                                  : l.verdict == "not-reached"   ? "not reached"
-                                  : l.verdict == "nothing-to-do" ? "nothing to do"
-                                                                 : l.verdict;
-            rows.push_back({std::to_string(l.number), l.kind, state, verdict, l.kind == "empty" ? "" : shown(l.value)});
-        }
-        table(rows);
-    }
-    if (!q.readProblem.empty())
-        printf("  %s\n", q.readProblem.c_str());
+    return e.ending.status == 0 ? "the store's agent delivers into INBOX" : "no store agent can deliver into INBOX";
+}
+
+const char *outcome(const Explained &e) {
+    return e.look.outcome != nullptr ? e.look.outcome : runOutcomeFor(e.ending.status);
 }
 
 std::string commandLine(const std::vector<std::string> &argv) {
@@ -189,10 +142,69 @@ std::string commandLine(const std::vector<std::string> &argv) {
     return line;
 }
 
+void textSteps(const Explained &e) {
+    const RunLook &l = e.look;
+    printf("\nspool: %s %s\n", FERNDROP_SPOOL_DIR, l.spoolUsable ? "usable" : "cannot take a message");
+    if (!l.spoolUsable)
+        return;
+    printf("\nhandlers: registry %s %s", mh_get_db_path(), l.registryUsable ? "usable" : "cannot be read");
+    if (l.registryUsable)
+        printf("; %zu would run%s\n", l.handlers.records.size(), l.handlers.records.empty() ? "" : ", in this order");
+    else
+        printf("\n");
+    if (!l.handlers.records.empty()) {
+        // Paths go last, so that no column's width depends on where the tree lives.
+        std::vector<std::vector<std::string>> rows = {{"#", "kind", "name", "context", "address", "program"}};
+        int n = 0;
+        for (const HandlerRecord *r : l.handlers.records) {
+            std::string state = programState(r->executable);
+            rows.push_back({std::to_string(++n), kindOf(r), shown(str(r->name)), shown(str(r->context)),
+                            shown(str(r->address)),
+                            shown(str(r->executable)) + (state == "executable" ? "" : " (" + state + ")")});
+        }
+        table(rows);
+    }
+    if (!l.registryUsable)
+        return;
+    static const char *const kSteps[] = {"mailnames dir", "domain", "mailname"};
+    for (int i = 0; i < l.mailbox.taken; i++) {
+        const MailboxStep &s = l.mailbox.steps[i];
+        if (i == 0)
+            printf("\nmailbox:\n");
+        std::string how = s.error != 0 ? std::string("cannot be entered: ") + strerror(s.error)
+                          : s.caseless ? "no exact name; caseless match " + shown(s.entered)
+                          : i == 0     ? "entered"
+                                       : "exact name";
+        printf("  %s %s: %s\n", kSteps[i], shown(s.given).c_str(), how.c_str());
+    }
+    if (std::string(l.stage) == "qmail" || (std::string(l.stage) == "store" && l.qmail.mode != 0)) {
+        const QmailLook &q = l.qmail;
+        printf("\n.qmail: %s, mode %04o\n", q.file, q.mode);
+        if (!q.refusal.empty())
+            printf("  refused: %s\n", q.refusal.c_str());
+        if (!q.lines.empty()) {
+            printf("  delivery state: %s in %s, key %s, %zu served line%s\n", stateWord(e), FERNDROP_STATE_DB,
+                   q.key.empty() ? "none" : shown(q.key).c_str(), q.served, q.served == 1 ? "" : "s");
+            std::vector<std::vector<std::string>> rows = {{"line", "kind", "verdict", "value"}};
+            for (const QmailLineSeen &line : q.lines) {
+                std::string verdict = line.verdict;
+                if (line.sameAs != 0)
+                    verdict += ": same as line " + std::to_string(line.sameAs);
+                else if (verdict == "skipped")
+                    verdict += ": already served";
+                rows.push_back({std::to_string(line.number), qmailLineKindName(line.kind), verdict,
+                                line.kind == EmptyLine ? "" : shown(line.value)});
+            }
+            table(rows);
+        }
+    }
+    if (std::string(l.stage) == "store")
+        printf("\nstore: %s delivers into INBOX:\n  %s\n", l.store.server,
+               l.store.argv.empty() ? "(no agent can run)" : commandLine(l.store.argv).c_str());
+}
+
 // ---- JSON ----------------------------------------------------------------
 
-
-// A JSON string.
 std::string q(const std::string &s) { return quoted(s, true); }
 
 std::string orNull(const std::string &s) { return s.empty() ? "null" : q(s); }
@@ -204,111 +216,76 @@ std::string list(const std::vector<std::string> &items) {
     return out + "]";
 }
 
-std::string strings(const std::vector<std::string> &items) {
-    std::vector<std::string> quoted;
-    for (const auto &s : items)
-        quoted.push_back(q(s));
-    return list(quoted);
-}
+std::string boolean(bool b) { return b ? "true" : "false"; }
 
-std::string handlersJson(const HandlerLook &h) {
-    std::vector<std::string> runs, idle;
-    for (size_t i = 0; i < h.runs.size(); i++) {
-        const HandlerRun &r = h.runs[i];
-        runs.push_back("{\"order\": " + std::to_string(i + 1) + ", \"kind\": " + q(r.kind) + ", \"name\": " +
-                       q(r.name) + ", \"address\": " + q(r.address) + ", \"program\": " + q(r.program) +
-                       ", \"program_state\": " + q(r.programState) + ", \"context\": " + q(r.context) + "}");
+std::string jsonSteps(const Explained &e) {
+    const RunLook &l = e.look;
+    std::vector<std::string> handlers, steps, lines, argv;
+    for (const HandlerRecord *r : l.handlers.records)
+        handlers.push_back("{\"kind\": " + q(kindOf(r)) + ", \"name\": " + q(str(r->name)) + ", \"address\": " +
+                           q(str(r->address)) + ", \"program\": " + q(str(r->executable)) + ", \"program_state\": " +
+                           q(programState(r->executable)) + ", \"context\": " + q(str(r->context)) + "}");
+    for (int i = 0; i < l.mailbox.taken; i++) {
+        const MailboxStep &s = l.mailbox.steps[i];
+        steps.push_back("{\"given\": " + q(s.given) + ", \"entered\": " + orNull(s.entered) + ", \"caseless\": " +
+                        boolean(s.caseless) + ", \"error\": " + (s.error ? q(strerror(s.error)) : "null") + "}");
     }
-    for (const IdleRow &r : h.idle)
-        idle.push_back("{\"kind\": " + q(r.kind) + ", \"name\": " + q(r.name) + ", \"address\": " + q(r.address) +
-                       ", \"program\": " + q(r.program) + ", \"context\": " + q(r.context) + ", \"queue\": " +
-                       std::to_string(r.queue) + ", \"enabled\": " + q(r.enabled) + ", \"reasons\": " +
-                       strings(r.reasons) + "}");
-    return "{\"registry\": " + q(h.registry) + ", \"state\": " + q(h.state) + ", \"problem\": " + orNull(h.problem) +
-           ", \"run\": " + list(runs) + ", \"not_applying\": " + list(idle) + "}";
+    for (const QmailLineSeen &line : l.qmail.lines)
+        lines.push_back("{\"number\": " + std::to_string(line.number) + ", \"kind\": " +
+                        q(qmailLineKindName(line.kind)) + ", \"value\": " + q(line.value) + ", \"verdict\": " +
+                        q(line.verdict) + ", \"same_as\": " + (line.sameAs ? std::to_string(line.sameAs) : "null") +
+                        "}");
+    for (const std::string &a : l.store.argv)
+        argv.push_back(q(a));
+    return "\"spool\": {\"dir\": " + q(FERNDROP_SPOOL_DIR) + ", \"usable\": " + boolean(l.spoolUsable) +
+           "},\n \"handlers\": {\"registry\": " + q(mh_get_db_path()) + ", \"usable\": " + boolean(l.registryUsable) +
+           ", \"run\": " + list(handlers) + "},\n \"mailbox\": {\"steps\": " + list(steps) +
+           "},\n \"qmail\": {\"file\": " + q(l.qmail.file) + ", \"mode\": " + std::to_string(l.qmail.mode) +
+           ", \"refusal\": " + orNull(l.qmail.refusal) + ", \"state\": {\"database\": " + q(FERNDROP_STATE_DB) +
+           ", \"status\": " + q(stateWord(e)) + ", \"key\": " + orNull(l.qmail.key) + ", \"served_lines\": " +
+           std::to_string(l.qmail.served) + "}, \"lines\": " + list(lines) + "},\n \"store\": {\"server\": " +
+           q(l.store.server) + ", \"argv\": " + list(argv) + "}";
 }
 
-std::string mailboxJson(const MailboxLook &m) {
-    std::vector<std::string> steps;
-    for (const MailboxStep &s : m.steps)
-        steps.push_back("{\"step\": " + q(s.step) + ", \"given\": " + q(s.given) + ", \"entered\": " +
-                        orNull(s.entered) + ", \"how\": " + q(s.how) + ", \"error\": " + orNull(s.error) + "}");
-    return "{\"found\": " + std::string(m.found ? "true" : "false") + ", \"path\": " + orNull(m.path) +
-           ", \"steps\": " + list(steps) + "}";
-}
-
-std::string qmailJson(const QmailLook &ql, const std::string &key) {
-    std::vector<std::string> lines;
-    for (const QmailLineLook &l : ql.lines)
-        lines.push_back("{\"number\": " + std::to_string(l.number) + ", \"kind\": " + q(l.kind) + ", \"value\": " +
-                        q(l.value) + ", \"state\": " + q(l.state) + ", \"verdict\": " + q(l.verdict) +
-                        ", \"same_as\": " + (l.sameAs != 0 ? std::to_string(l.sameAs) : "null") + "}");
-    std::string state = ql.stateStatus.empty()
-                            ? "null"
-                            : "{\"database\": " + q(ql.stateDatabase) + ", \"status\": " + q(ql.stateStatus) +
-                                  ", \"problem\": " + orNull(ql.stateProblem) + ", \"key\": " + orNull(key) +
-                                  ", \"served_lines\": " + std::to_string(ql.served) + "}";
-    return "{\"mode\": " + q(ql.mode) + ", \"permissions\": " + q(ql.permissions) + ", \"permission_problem\": " +
-           orNull(ql.permissionProblem) + ", \"execute_bit\": " + (ql.executeBit ? "true" : "false") +
-           ", \"state\": " + state + ", \"lines\": " + list(lines) + ", \"read_problem\": " +
-           orNull(ql.readProblem) + "}";
-}
-
-std::string storeJson(const StoreLook &s) {
-    return "{\"server\": " + q(s.server) + ", \"agent\": " + orNull(s.agent) + ", \"argv\": " + strings(s.argv) +
-           ", \"problem\": " + orNull(s.problem) + "}";
+std::string settingsJson() {
+    std::vector<std::string> items;
+    for (const SettingInEffect &s : settingsInEffect())
+        items.push_back(q(s.name) + ": {\"value\": " + q(s.value) + ", \"source\": " + q(s.source) + "}");
+    std::string joined = list(items);
+    return "{" + joined.substr(1, joined.size() - 2) + "}";
 }
 
 }  // namespace
 
-void printText(const Explanation &e) {
+void printText(const Explained &e) {
     printf("delivery from %s to %s, mailnames %s\n", shown(e.sender).c_str(), shown(e.recipient).c_str(),
            shown(e.mailnames).c_str());
-    if (!e.messageFile)
-        printf("message: none given; the delivery-state column needs one (its Message-ID keys the record)\n");
-    else if (!e.messageProblem.empty())
-        printf("message: %s cannot be read: %s\n", e.messageFile->c_str(), e.messageProblem.c_str());
-    else if (e.messageId.empty())
-        printf("message: %s has no Message-ID: delivery state is off for it\n", e.messageFile->c_str());
+    printf("settings (%s):\n", FERNDROP_SETTINGS_FILE);
+    for (const SettingInEffect &s : settingsInEffect())
+        printf("  %s %s%s\n", s.name.c_str(), shown(s.value).c_str(),
+               std::string(s.source) == "file"      ? ""
+               : std::string(s.source) == "default" ? " (default)"
+                                                    : " (default: the file's value is invalid)");
+    if (e.messageFile.empty())
+        printf("message: none given; no line counts as served (the message keys the delivery state)\n");
     else
-        printf("message: %s, Message-ID %s\n  delivery-state key: %s\n", e.messageFile->c_str(),
-               shown(e.messageId).c_str(), e.key.c_str());
-    if (e.handlers)
-        handlersText(*e.handlers);
-    if (e.mailbox)
-        mailboxText(*e.mailbox);
-    if (e.qmail)
-        qmailText(*e.qmail);
-    if (e.store) {
-        if (e.store->problem.empty())
-            printf("\nstore: no .qmail, so %s delivers into INBOX:\n  %s\n", e.store->server.c_str(),
-                   commandLine(e.store->argv).c_str());
-        else
-            printf("\nstore: no .qmail, and no delivery agent can run: %s\n", e.store->problem.c_str());
-    } else if (e.qmail) {
-        printf("\nstore: not used (the mailbox has a .qmail)\n");
-    }
-    if (e.ending) {
-        const Ending &x = *e.ending;
-        printf("\nends: %s, exit %d, %s: %s%s\n", x.outcome.c_str(), x.status, x.code.c_str(), x.why.c_str(),
-               x.stage == "recipient" ? "" : "\n  (unless a handler discards, defers or rejects the message first)");
-    }
+        printf("message: %s, Message-ID %s\n", e.messageFile.c_str(), shown(messageIdOf(e.messageFile)).c_str());
+    textSteps(e);
+    printf("\nends at %s: %s, exit %d, %s: %s\n", e.look.stage, outcome(e), e.ending.status,
+           exitCode(e.ending).c_str(), why(e).c_str());
+    if (e.look.assumesSuccess)
+        printf("  (if every handler, .qmail line and store agent on the way succeeds)\n");
 }
 
-void printJson(const Explanation &e) {
-    std::string message = !e.messageFile ? "null"
-                                         : "{\"file\": " + q(*e.messageFile) + ", \"problem\": " +
-                                               orNull(e.messageProblem) + ", \"message_id\": " +
-                                               orNull(e.messageId) + ", \"key\": " + orNull(e.key) + "}";
-    std::string ending =
-        !e.ending ? "null"
-                  : "{\"stage\": " + q(e.ending->stage) + ", \"outcome\": " + q(e.ending->outcome) +
-                        ", \"status\": " + std::to_string(e.ending->status) + ", \"code\": " + q(e.ending->code) +
-                        ", \"why\": " + q(e.ending->why) + "}";
-    printf("{\"sender\": %s, \"recipient\": %s, \"mailnames_dir\": %s,\n \"message\": %s,\n \"handlers\": %s,\n"
-           " \"mailbox\": %s,\n \"qmail\": %s,\n \"store\": %s,\n \"ends\": %s}\n",
-           q(e.sender).c_str(), q(e.recipient).c_str(), q(e.mailnames).c_str(), message.c_str(),
-           e.handlers ? handlersJson(*e.handlers).c_str() : "null", e.mailbox ? mailboxJson(*e.mailbox).c_str() : "null",
-           e.qmail ? qmailJson(*e.qmail, e.key).c_str() : "null", e.store ? storeJson(*e.store).c_str() : "null",
-           ending.c_str());
+void printJson(const Explained &e) {
+    printf("{\"sender\": %s, \"recipient\": %s, \"mailnames_dir\": %s,\n \"settings\": %s,\n \"message\": %s,\n %s,\n"
+           " \"ends\": {\"stage\": %s, \"outcome\": %s, \"status\": %d, \"code\": %s, \"text\": %s, \"why\": %s, "
+           "\"assumes_success\": %s}}\n",
+           q(e.sender).c_str(), q(e.recipient).c_str(), q(e.mailnames).c_str(), settingsJson().c_str(),
+           e.messageFile.empty() ? "null"
+                                 : ("{\"file\": " + q(e.messageFile) + ", \"message_id\": " +
+                                    orNull(messageIdOf(e.messageFile)) + "}").c_str(),
+           jsonSteps(e).c_str(), q(e.look.stage).c_str(), q(outcome(e)).c_str(), e.ending.status,
+           q(exitCode(e.ending)).c_str(), orNull(e.ending.text).c_str(), q(why(e)).c_str(),
+           boolean(e.look.assumesSuccess).c_str());
 }

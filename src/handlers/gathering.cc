@@ -136,8 +136,8 @@ int mh_gather_handlers(sqlite3 *db, HandlerList *list, char **addresses, Handler
     return tuned;
 }
 
-int mh_get_handlers(HandlerList *list, char **addresses, HandlerQueue queue) {
-    sqlite3 *db = mh_open_registry();
+int mh_get_handlers(HandlerList *list, char **addresses, HandlerQueue queue, bool look) {
+    sqlite3 *db = mh_open_registry(look);
     if (db == nullptr)
         return -1;
     int gathered = mh_gather_handlers(db, list, addresses, queue);

@@ -195,13 +195,15 @@ int mh_run_list(HandlerOutcomeList *outcomes, HandlerList *list, char **addresse
 }
 
 int mh_run_handlers(HandlerOutcomeList *outcomes, char **addresses, char **env, const char *spoolPath,
-                    HandlerQueue queue) {
+                    HandlerQueue queue, HandlerList *look) {
     HandlerList list;
-    if (mh_get_handlers(&list, addresses, queue) < 0) {
+    if (mh_get_handlers(look != nullptr ? look : &list, addresses, queue, look != nullptr) < 0) {
         LogFunction(3, "Unable to get full handlers list");
         mh_list_free(&list);
         return -1;
     }
+    if (look != nullptr)
+        return DS_OK;
     int status = mh_run_list(outcomes, &list, addresses, env, spoolPath);
     mh_list_free(&list);
     return status;

@@ -8,12 +8,14 @@
 // either renamed over the spool file or removed before the run returns.
 #pragma once
 #include "handlers/delivery_status.h"
+#include "handlers/handler_record.h"
 #include "handlers/queue.h"
 
 struct HandlerOutcomeList;  // handlers/outcome.h
 
 // addresses: [ "", "", sender, recipient..., nullptr ]. env: null for the
 // process's own environment. Returns a DeliveryStatus, or -1 when the
-// registry cannot be used at all.
+// registry cannot be used at all. look: gathers into *look what would run,
+// runs nothing, and answers DS_OK for whatever the handlers would say.
 int mh_run_handlers(HandlerOutcomeList *outcomes, char **addresses, char **env,
-                    const char *spoolPath, HandlerQueue queue);
+                    const char *spoolPath, HandlerQueue queue, HandlerList *look = nullptr);

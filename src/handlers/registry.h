@@ -14,7 +14,7 @@ const char *mh_get_db_path();
 // (["", "", sender, recipient..., null]), in run order from the head.
 // Negative: the registry could not be used at all. Otherwise the list holds
 // what could be gathered, possibly nothing.
-int mh_get_handlers(HandlerList *list, char **addresses, HandlerQueue queue);
+int mh_get_handlers(HandlerList *list, char **addresses, HandlerQueue queue, bool look = false);
 // The same over a connection the caller opened (read-only, say) and closes.
 int mh_gather_handlers(sqlite3 *db, HandlerList *list, char **addresses, HandlerQueue queue);
 

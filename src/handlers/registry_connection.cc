@@ -5,6 +5,12 @@
 #include "handlers/registry_connection.h"
 
 #include <sqlite3.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstring>
+#include <string>
 
 #include "driver/log.h"
 #include "handlers/busy_retry.h"
@@ -21,11 +27,22 @@ const char *mh_get_db_path() { return registryPath; }
 
 const char *mh_db_message(sqlite3 *db) { return db != nullptr ? sqlite3_errmsg(db) : "general DB errror"; }
 
-sqlite3 *mh_open_registry() {
+sqlite3 *mh_open_registry(bool look) {
     sqlite3 *db = nullptr;
+    // What the delivery's create would make of a missing file: an empty
+    // database, so an in-memory one stands for it.
+    struct stat st;
+    bool creatable = look && stat(registryPath, &st) != 0 && errno == ENOENT;
+    if (creatable) {
+        std::string dir(registryPath, strrchr(registryPath, '/') != nullptr ? strrchr(registryPath, '/') - registryPath : 0);
+        creatable = access(dir.empty() ? "." : dir.c_str(), W_OK | X_OK) == 0;
+    }
     // The plain open (read-write, create): a read-only open would refuse a
     // registry whose journal must be rolled back after a panel crash.
-    if (sqlite3_open(registryPath, &db) != SQLITE_OK) {
+    int opened = !look ? sqlite3_open(registryPath, &db)
+                 : creatable ? sqlite3_open(":memory:", &db)
+                             : sqlite3_open_v2(registryPath, &db, SQLITE_OPEN_READONLY, nullptr);
+    if (opened != SQLITE_OK) {
         LogFunction(3, "Unable to open database(readonly) %s: %s", registryPath, mh_db_message(db));
         if (db != nullptr)
             mh_busy_close(db);

@@ -8,8 +8,10 @@ struct sqlite3;
 // library gave no connection object.
 const char *mh_db_message(sqlite3 *db);
 
-// Opens the registry path for reading. Null (logged) on failure.
-sqlite3 *mh_open_registry();
+// Opens the registry path for reading. Null (logged) on failure. look:
+// without creating a missing file or rolling back a journal; a missing file
+// the delivery could create reads as a registry without handlers.
+sqlite3 *mh_open_registry(bool look = false);
 // db itself, or for a null db one opened as above and also left in *own for
 // the caller to close. Null (logged) on failure.
 sqlite3 *mh_given_or_own(sqlite3 *db, sqlite3 **own);

@@ -5,6 +5,8 @@
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
+#include <fcntl.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include "driver/log.h"
@@ -39,4 +41,20 @@ char *spool_save_fd(const char *spoolDir, int inFd) {
 
 char *spool_save_stdin() {
     return spool_save_fd(FERNDROP_SPOOL_DIR, STDIN_FILENO);
+}
+
+int spool_look() {
+    struct stat st;
+    int err = 0;
+    if (stat(FERNDROP_SPOOL_DIR, &st) != 0)
+        err = errno;
+    else if (!S_ISDIR(st.st_mode))
+        err = ENOTDIR;
+    else if (faccessat(AT_FDCWD, FERNDROP_SPOOL_DIR, W_OK | X_OK, AT_EACCESS) != 0)
+        err = errno;
+    if (err != 0) {
+        LogFunction(3, "cannot create temporary file - (%d) %s", err, strerror(err));
+        return -1;
+    }
+    return 0;
 }

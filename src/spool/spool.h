@@ -10,6 +10,10 @@ char *spool_save_stdin();
 // Same for any descriptor into any directory (the spool step, made testable).
 char *spool_save_fd(const char *spoolDir, int fd);
 
+// Whether the save could create its file in the spool directory now,
+// without creating one: 0, or -1 after the line the save would log.
+int spool_look();
+
 // Where a copy stopped: on the read side, or on a write of `left` bytes of
 // the buffer at `at`.
 struct CopyFailure {

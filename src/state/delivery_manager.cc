@@ -14,15 +14,17 @@
 #include "state/message_id.h"
 
 deliveryManager::deliveryManager(const std::string &messageFile, const std::string &sender,
-                                 const std::string &recipient, const std::string &databasePath)
+                                 const std::string &recipient, const std::string &databasePath, bool look)
     : state(nullptr), messageFile(messageFile), key(), enabled(false), clean(true),
       sender(sender), recipient(recipient) {
+    if (look && messageFile.empty())
+        return;
     if (!readMessageId(this->messageFile, this->sender, this->recipient, key)) {
         LogFunction(4, "deliveryManager: Get empty message id, delivery state will be disabled "
                        "for this mail");
         return;
     }
-    state.reset(new (std::nothrow) DeliveryState(databasePath, key));
+    state.reset(new (std::nothrow) DeliveryState(databasePath, key, look));
     enabled = state != nullptr;
 }
 

@@ -192,8 +192,8 @@ void create(const std::string &databasePath) {
 
 }  // namespace
 
-DeliveryState::DeliveryState(const std::string &databasePath, const std::string &key)
-    : loaded(false), key(key), databasePath(databasePath) {
+DeliveryState::DeliveryState(const std::string &databasePath, const std::string &key, bool look)
+    : loaded(false), look(look), key(key), databasePath(databasePath) {
     init();
 }
 
@@ -203,12 +203,15 @@ void DeliveryState::init() {
     Call c;
     c.path = databasePath.c_str();
     c.key = key.c_str();
+    foundAs = STATE_UNREADABLE;
     if (!withinDeadline(readRecord, &c)) {
         LogFunction(3, "init: cannot open delivery database %s: %s", databasePath.c_str(), kTimedOut);
         return;
     }
+    int openError = c.opened ? TCESUCCESS : tchdbecode(c.hdb);
     tchdbdel(c.hdb);
     if (c.opened) {
+        foundAs = c.value != nullptr ? STATE_RECORD : STATE_NO_RECORD;
         if (c.value != nullptr) {
             std::string stored(c.value);
             free(const_cast<char *>(c.value));
@@ -225,7 +228,13 @@ void DeliveryState::init() {
     // so that a later save, which does not create, finds it.
     struct stat st;
     if (stat(databasePath.c_str(), &st) != 0 && errno == ENOENT) {
-        create(databasePath);
+        foundAs = STATE_NO_DATABASE;
+        if (!look)
+            create(databasePath);
+        return;
+    }
+    if (look) {
+        LogFunction(3, "init: cannot open delivery database %s: %s", databasePath.c_str(), tchdberrmsg(openError));
         return;
     }
     // There but unreadable: the writer says why (or, for an empty file,
@@ -246,7 +255,7 @@ bool DeliveryState::contains(const std::string &line) const {
 void DeliveryState::add(const std::string &line) { lines.insert(trimmed(line)); }
 
 int DeliveryState::save() {
-    if (!loaded && lines.empty())
+    if (look || (!loaded && lines.empty()))
         return 0;
     std::string value = boost::algorithm::join(lines, "\n");
     Call c;
@@ -259,7 +268,7 @@ int DeliveryState::save() {
 int DeliveryState::erase() {
     // Nothing was stored when this attempt began, and what was marked since
     // has never been written.
-    if (!loaded)
+    if (look || !loaded)
         return 0;
     Call c;
     c.path = databasePath.c_str();

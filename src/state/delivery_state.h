@@ -10,22 +10,31 @@
 
 // The record of one delivery and its database operations. Each operation
 // opens the database, makes one call and closes it again.
+// What loading found, for ferndrop-explain.
+enum StateFound { STATE_OFF, STATE_NO_DATABASE, STATE_NO_RECORD, STATE_RECORD, STATE_UNREADABLE };
+
 class DeliveryState {
   public:
-    // Loads the stored record of key, creating the database file when missing.
-    DeliveryState(const std::string &databasePath, const std::string &key);
+    // Loads the stored record of key, creating the database file when
+    // missing. look: only reads (a reader's open, the same deadline), and
+    // save and erase do nothing.
+    DeliveryState(const std::string &databasePath, const std::string &key, bool look = false);
 
     bool contains(const std::string &line) const;
     void add(const std::string &line);
     // 0 on success or nothing to do, 1 on failure (logged).
     int save();
     int erase();
+    StateFound found() const { return foundAs; }
+    size_t size() const { return lines.size(); }
 
   private:
     void init();
 
     std::set<std::string> lines;
     bool loaded;
+    bool look;
+    StateFound foundAs = STATE_NO_RECORD;
     std::string key;
     std::string databasePath;
 };
@@ -33,12 +42,13 @@ class DeliveryState {
 // What the instruction-file processing talks to: disabled (answering "not
 // served" and storing nothing) when the message has no usable Message-ID.
 // Saves the record on destruction when lines were marked since the last
-// complete().
+// complete(). look: the same answers from a read-only look, never written
+// (a null messageFile: no message to key by, so nothing counts as served).
 class deliveryManager {
   public:
     deliveryManager(const std::string &messageFile, const std::string &sender,
                     const std::string &recipient,
-                    const std::string &databasePath = FERNDROP_STATE_DB);
+                    const std::string &databasePath = FERNDROP_STATE_DB, bool look = false);
     ~deliveryManager();
     deliveryManager(const deliveryManager &) = delete;
     deliveryManager &operator=(const deliveryManager &) = delete;
@@ -46,6 +56,9 @@ class deliveryManager {
     bool isDelivered(const std::string &line) const;
     void markDelivered(const std::string &line);
     void complete();
+    StateFound found() const { return state ? state->found() : STATE_OFF; }
+    size_t servedCount() const { return state ? state->size() : 0; }
+    const std::string &deliveryKey() const { return key; }
 
   private:
     std::unique_ptr<DeliveryState> state;

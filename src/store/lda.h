@@ -12,14 +12,24 @@
 // standard error (the transfer agent's pipe) open. -1 is left for a delivery
 // that cannot be attempted at all. Nothing is printed on standard output.
 #pragma once
+#include <string>
+#include <vector>
 
 // Not delivered now, nothing said against later: no usable agent installed,
 // no process for it, or it was killed or stopped. mapDeliveryCode reads it,
 // like every code it does not list, as a temporary failure.
 const int LDA_TRY_LATER = -2;
 
+// The agent's command line as a delivery would start it, for a look.
+struct StoreLook {
+    const char *server = "none";  // dovecot, courier, none
+    std::vector<std::string> argv;
+};
+
 // 0 delivered; the agent's non-zero exit status; LDA_TRY_LATER (above); -1
 // when the delivery cannot be attempted (the message unreadable, a path too
-// long) or the wait for the agent failed.
-int lda_deliver_file(const char *path, const char *recipient, const char *folder);
-int lda_deliver_fd(int fd, const char *recipient, const char *folder);
+// long) or the wait for the agent failed. With look nothing is started: the
+// command line is recorded and 0 stands for whatever the agent would answer;
+// path may then be null (no message at hand).
+int lda_deliver_file(const char *path, const char *recipient, const char *folder, StoreLook *look = nullptr);
+int lda_deliver_fd(int fd, const char *recipient, const char *folder, StoreLook *look = nullptr);

@@ -6,6 +6,7 @@
 #include <csignal>
 #include <fcntl.h>
 #include <sys/wait.h>
+#include <utility>
 #include <unistd.h>
 
 #include "driver/log.h"
@@ -33,7 +34,22 @@ int agentResult(pid_t pid, const char *agent) {
     return code;
 }
 
-int deliverCourier(int fd, const char *recipient, const char *folder) {
+// Starts the agent with argv (or, for a look, records it) and gives its result.
+int startAgent(int fd, const char *server, std::vector<std::string> argv, StoreLook *look) {
+    if (look != nullptr) {
+        look->server = server;
+        look->argv = std::move(argv);
+        return 0;
+    }
+    std::vector<char *> args;
+    for (std::string &a : argv)
+        args.push_back(a.data());
+    args.push_back(nullptr);
+    pid_t pid = fork_execv_pipes(fd, -1, STDERR_FILENO, args[0], args.data());
+    return agentResult(pid, args[0]);
+}
+
+int deliverCourier(int fd, const char *recipient, const char *folder, StoreLook *look) {
     char *copy = strdup(recipient);
     if (copy == nullptr) {
         int saved = errno;
@@ -48,43 +64,35 @@ int deliverCourier(int fd, const char *recipient, const char *folder) {
     free(copy);
     if (built != 0)
         return -1;
-    pid_t pid = fork_execl_pipes(fd, -1, STDERR_FILENO, FERNDROP_DELIVERQUOTA, FERNDROP_DELIVERQUOTA, maildir,
-                                 static_cast<char *>(nullptr));
-    return agentResult(pid, FERNDROP_DELIVERQUOTA);
+    return startAgent(fd, "courier", {FERNDROP_DELIVERQUOTA, maildir}, look);
 }
 
-int deliverDovecot(int fd, const char *recipient, const char *folder) {
-    pid_t pid;
-    if (is_inbox_folder(folder)) {
-        pid = fork_execl_pipes(fd, -1, STDERR_FILENO, FERNDROP_DOVECOT_LDA, FERNDROP_DOVECOT_LDA, "-d", recipient,
-                               static_cast<char *>(nullptr));
-    } else if (is_dot_folder(folder)) {
-        char imapFolder[kStorePathBufferSize];
-        int length = snprintf(imapFolder, sizeof imapFolder, "INBOX%s", folder);
-        if (length < 0 || static_cast<unsigned long>(length) >= sizeof imapFolder) {
-            LogFunction(3, "IMAP folder name 'INBOX%s' is too long to be present on file system", folder);
-            return -1;
-        }
-        pid = fork_execl_pipes(fd, -1, STDERR_FILENO, FERNDROP_DOVECOT_LDA, FERNDROP_DOVECOT_LDA, "-d", recipient,
-                               "-m", imapFolder, static_cast<char *>(nullptr));
-    } else {
+int deliverDovecot(int fd, const char *recipient, const char *folder, StoreLook *look) {
+    if (is_inbox_folder(folder))
+        return startAgent(fd, "dovecot", {FERNDROP_DOVECOT_LDA, "-d", recipient}, look);
+    if (!is_dot_folder(folder))
+        return -1;
+    char imapFolder[kStorePathBufferSize];
+    int length = snprintf(imapFolder, sizeof imapFolder, "INBOX%s", folder);
+    if (length < 0 || static_cast<unsigned long>(length) >= sizeof imapFolder) {
+        LogFunction(3, "IMAP folder name 'INBOX%s' is too long to be present on file system", folder);
         return -1;
     }
-    return agentResult(pid, FERNDROP_DOVECOT_LDA);
+    return startAgent(fd, "dovecot", {FERNDROP_DOVECOT_LDA, "-d", recipient, "-m", imapFolder}, look);
 }
 
 }  // namespace
 
-int lda_deliver_fd(int fd, const char *recipient, const char *folder) {
+int lda_deliver_fd(int fd, const char *recipient, const char *folder, StoreLook *look) {
     if (strchr(recipient, '@') == nullptr) {
         LogFunction(3, "Unable to deliver mail message to short address '%s' - I don't know how to do it", recipient);
         return -1;
     }
     switch (detect_server_type()) {
     case SERVER_COURIER_IMAP:
-        return deliverCourier(fd, recipient, folder);
+        return deliverCourier(fd, recipient, folder, look);
     case SERVER_DOVECOT:
-        return deliverDovecot(fd, recipient, folder);
+        return deliverDovecot(fd, recipient, folder, look);
     case SERVER_UNKNOWN:
         break;
     }
@@ -93,7 +101,9 @@ int lda_deliver_fd(int fd, const char *recipient, const char *folder) {
     return LDA_TRY_LATER;
 }
 
-int lda_deliver_file(const char *path, const char *recipient, const char *folder) {
+int lda_deliver_file(const char *path, const char *recipient, const char *folder, StoreLook *look) {
+    if (look != nullptr)
+        return lda_deliver_fd(-1, recipient, folder, look);
     int fd = open(path, O_RDONLY);
     if (fd < 0) {
         int saved = errno;

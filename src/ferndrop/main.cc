@@ -1,11 +1,9 @@
 // ferndrop: local delivery agent, started by the transfer agent's pipe
 // transport once per recipient with the message on standard input.
 //
-// The run: check the command line, spool the message, run the handler pass,
-// enter the mailbox directory, carry out its .qmail (or deliver into INBOX),
+// The run: check the command line, then the run sequence (delivery/run.h),
 // and end with one sysexits status plus, for a non-zero status, one RFC 3463
-// status line on standard output. Every way out after spooling removes the
-// spool file, so the transfer agent's retry always starts from its own copy.
+// status line on standard output.
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
@@ -16,21 +14,25 @@
 #include <syslog.h>
 #include <unistd.h>
 
-#include "driver/delivery_codes.h"
+#include "delivery/exits.h"
+#include "delivery/run.h"
 #include "driver/log.h"
-#include "driver/mailbox_dir.h"
-#include "driver/main_exits.h"
 #include "driver/run_record.h"
-#include "dotqmail/qmail_file.h"
-#include "handlers/addresses.h"
-#include "handlers/handler_pass.h"
-#include "spool/spool.h"
-#include "state/message_id.h"
-#include "store/lda.h"
 
 namespace {
 
 const char kProgramName[] = "ferndrop";
+
+// Logs the run's summary line (once one was started), writes the status
+// line (when there is one) to standard output, then exits.
+[[noreturn]] void exitWith(ExitLine line) {
+    runRecordFinish(line.status, line.text);
+    if (line.text[0] != '\0') {
+        fputs(line.text, stdout);
+        fputc('\n', stdout);
+    }
+    exit(line.status);
+}
 
 struct CommandLine {
     const char *sender = nullptr;
@@ -96,15 +98,6 @@ void occupyStandardDescriptors() {
     }
 }
 
-[[noreturn]] void finish(const char *spoolPath, ExitLine line) {
-    try {
-        runRecordMessageId(messageIdOf(spoolPath).c_str());
-    } catch (...) {  // the summary goes without it rather than the run without a status
-    }
-    unlink(spoolPath);
-    exitWith(line);
-}
-
 }  // namespace
 
 int main(int argc, char **argv) {
@@ -121,56 +114,5 @@ int main(int argc, char **argv) {
     LogFunction(6, "%s: from=%s, to=%s, dirname=%s", kProgramName, cmd.sender, cmd.recipient, cmd.mailnamesDir);
     runRecordStart(cmd.sender, cmd.recipient);
 
-    if (strchr(cmd.recipient, '@') == nullptr) {
-        LogFunction(19, "Invalid e-mail address - no domain part: %s", cmd.recipient);
-        exitWith(kExitBadDestination);
-    }
-    if (strlen(cmd.recipient) + 1 > kAddressBufferSize) {
-        LogFunction(19, "Invalid e-mail address - too long: %s", cmd.recipient);
-        exitWith(kExitBadDestination);
-    }
-    char recipientCopy[kAddressBufferSize];
-    strncpy(recipientCopy, cmd.recipient, kAddressBufferSize - 1);
-    recipientCopy[kAddressBufferSize - 1] = '\0';
-
-    if (setenv("DELIVERED_TO", cmd.recipient, 1) != 0) {
-        LogFunction(19, "Unable to set environment variable: %s\n", strerror(errno));
-        exitWith(kExitResourcesLimited);
-    }
-
-    char *spoolPath = spool_save_stdin();
-    if (spoolPath == nullptr) {
-        LogFunction(19, "Unable to read message from stdin");
-        exitWith(kExitUnreadableInput);
-    }
-
-    char empty[] = "";
-    char *addresses[] = {empty, empty, const_cast<char *>(cmd.sender), const_cast<char *>(cmd.recipient), nullptr};
-    int status = mh_run_handlers(nullptr, addresses, nullptr, spoolPath, MH_QUEUE_DELIVERY);
-    if (status == DS_DISCARDED) {
-        syslog(LOG_NOTICE, "message discarded by a mail handler");
-        runRecordOutcome("discarded");
-        finish(spoolPath, kExitDone);
-    }
-    if (status != DS_OK)
-        finish(spoolPath, exitForDeliveryStatus(status));
-
-    char *mailname = nullptr;
-    char *domain = nullptr;
-    splitAddress(recipientCopy, &mailname, &domain);
-    int entered = enterMailboxDir(cmd.mailnamesDir, domain, mailname);
-    if (entered == MAILBOX_UNKNOWN) {
-        // An unknown mailbox is not the transfer agent's problem to retry.
-        syslog(19, "Unknown user: %s@%s", mailname, domain);
-        runRecordOutcome("unknown-user");
-        finish(spoolPath, kExitDone);
-    }
-    // A tree that cannot be searched now: the mailbox may well be there.
-    if (entered != 0)
-        finish(spoolPath, exitForDeliveryResult(DR_TEMPORARY));
-
-    int result = processQmailFile(".qmail", spoolPath, cmd.sender, cmd.recipient);
-    if (result == DR_NO_INSTRUCTIONS)
-        result = mapDeliveryCode(lda_deliver_file(spoolPath, cmd.recipient, "INBOX"));
-    finish(spoolPath, exitForDeliveryResult(result));
+    exitWith(runDelivery({cmd.sender, cmd.recipient, cmd.mailnamesDir, nullptr}));
 }

@@ -1,9 +1,10 @@
 // The exit table: every exit status the transfer agent can get from
 // ferndrop, each with its RFC 3463 status line, and which one a handler-pass
-// verdict or a run's delivery result ends in. It knows the handler pass's
-// statuses, so only the executable links it; the libraries below return
-// codes and never exit.
+// verdict or a run's delivery result ends in. The delivery and
+// ferndrop-explain both read their endings from here; the libraries below
+// return codes and never exit.
 #pragma once
+#include <string>
 
 struct ExitLine {
     int status;        // process exit status
@@ -39,6 +40,5 @@ ExitLine exitForDeliveryStatus(int status);
 // The line for the final DeliveryResult of a run.
 ExitLine exitForDeliveryResult(int result);
 
-// Logs the run's summary line (once one was started), writes the text (when
-// non-empty) and a newline to standard output, then exits.
-[[noreturn]] void exitWith(ExitLine line);
+// The enhanced code of a line ("4.2.1"), "2.0.0" for an exit 0 without text.
+std::string exitCode(ExitLine line);

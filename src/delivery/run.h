@@ -1,0 +1,46 @@
+// One delivery's run sequence, from the recipient's checks to the store:
+// spool the message, run the handler pass, enter the mailbox directory, carry
+// out its .qmail or deliver into INBOX, and choose the exit table's line.
+//
+// Promises: the same sequence serves the delivery and ferndrop-explain. Given
+// a look, every step decides exactly as it would for the delivery, but
+// nothing is created, written, locked for writing or started: handlers,
+// programs, sendmail and the store agent count as answering success, and the
+// look records what each step met. Without a look the message comes from
+// standard input and every way out after spooling removes the spool file, so
+// the transfer agent's retry always starts from its own copy.
+#pragma once
+#include "delivery/exits.h"
+#include "dotqmail/qmail_file.h"
+#include "driver/mailbox_dir.h"
+#include "handlers/handler_record.h"
+#include "store/lda.h"
+
+struct DeliveryRequest {
+    const char *sender;
+    const char *recipient;
+    const char *mailnamesDir;
+    const char *messageFile;  // a look's message; null: none (nothing counts as served)
+};
+
+struct RunLook {
+    // The last step reached: recipient, spool, handlers, mailbox, qmail, store.
+    const char *stage = "recipient";
+    bool spoolUsable = false;
+    bool registryUsable = false;
+    HandlerList handlers;  // in run order
+    MailboxFound mailbox;
+    QmailLook qmail;
+    StoreLook store;
+    // Something would run (a handler, a .qmail line, the store agent) whose
+    // success only running it shows: the ending holds if each one succeeds.
+    bool assumesSuccess = false;
+    const char *outcome = nullptr;  // the summary line's word
+    RunLook() = default;
+    RunLook(const RunLook &) = delete;
+    RunLook &operator=(const RunLook &) = delete;
+    ~RunLook();
+};
+
+// The line to exit with. look null: the real delivery.
+ExitLine runDelivery(const DeliveryRequest &request, RunLook *look = nullptr);
