@@ -12,8 +12,8 @@ for flavour in release sanitize; do
   echo "== $flavour build"
   scripts/build.sh "$flavour"
   echo "== $flavour tests"
-  # The strace-driven reliability tests skip themselves on the sanitized
-  # build, whose runtime makes system calls of its own.
+  # The injected-fault sweep is disabled on the sanitized build, whose
+  # runtime makes system calls of its own.
   ctest --test-dir "build/$flavour" --output-on-failure -j"$(nproc)"
 done
 scripts/fuzz.sh  # each libFuzzer target for 15 s
