@@ -24,7 +24,7 @@ driver_lib="$(find "$build" -name libferndrop_driver.a | head -1)"
 g++ -std=c++20 -O2 -I"$repo/src" -I"$build/generated" "$repo/bench/registry_gathering.cc" \
     "$handlers_lib" "$driver_lib" -lsqlite3 -o "$work/registry_gathering"
 
-schema='BEGIN TRANSACTION;CREATE TABLE handlers (queue INTEGER, type INTEGER, enabled BOOLEAN, priority INTEGER, name VARCHAR(255) NOT NULL, address VARCHAR(2048) NOT NULL, executable VARCHAR(2048) NOT NULL, context VARCHAR(2048) NOT NULL, protected BOOLEAN NOT NULL default 0, CONSTRAINT uniq_entries_constaraint PRIMARY KEY (queue, type, name, address, executable, context));CREATE INDEX idx1 ON handlers(queue, type, enabled, address);CREATE INDEX idx2 ON handlers(queue, type, enabled, address, priority);CREATE INDEX idx3 ON handlers(name, queue, type, address);CREATE INDEX idx4 ON handlers(name, queue, type);COMMIT;'
+schema='BEGIN TRANSACTION;CREATE TABLE handlers (queue INTEGER, type INTEGER, enabled BOOLEAN, priority INTEGER, name VARCHAR(255) NOT NULL, address VARCHAR(2048) NOT NULL, executable VARCHAR(2048) NOT NULL, context VARCHAR(2048) NOT NULL, protected BOOLEAN NOT NULL default 0, CONSTRAINT uniq_entries_constaraint PRIMARY KEY (queue, type, name, address, executable, context));CREATE INDEX idx1 ON handlers(queue, type, enabled, address);CREATE INDEX idx2 ON handlers(queue, type, enabled, address, priority);CREATE INDEX idx3 ON handlers(name, queue, type, address);CREATE INDEX idx4 ON handlers(name, queue, type);CREATE INDEX idx_address_nocase ON handlers(queue, type, enabled, address COLLATE NOCASE, priority);COMMIT;'
 # In the large registry a few handlers apply to the benchmark's delivery, so
 # its gathering does real work; the empty registry has the table only.
 matching="INSERT INTO handlers VALUES

@@ -17,6 +17,7 @@ inline constexpr char kCannotDeliver[] = "5.7.1 Message can't be delivered";
 inline constexpr ExitLine kExitDone{0, ""};
 inline constexpr ExitLine kExitMisconfigured{64, "4.3.5 Local delivery is disabled due to server misconfigurations"};
 inline constexpr ExitLine kExitBadDestination{65, "5.1.3 Invalid destination status"};
+inline constexpr ExitLine kExitNoMailbox{67, "5.1.1 Mailbox does not exist"};
 inline constexpr ExitLine kExitBadEnvelope{65, "5.1.0 Invalid envelope address(es)"};
 inline constexpr ExitLine kExitRejected{69, kCannotDeliver};
 inline constexpr ExitLine kExitUndeliverable{71, kCannotDeliver};

@@ -1,7 +1,11 @@
 // Contract in delivery/run.h.
 #include "delivery/run.h"
 
+#include <fcntl.h>
+
+#include <cctype>
 #include <cerrno>
+#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <memory>
@@ -13,8 +17,10 @@
 #include "driver/run_record.h"
 #include "handlers/addresses.h"
 #include "handlers/handler_pass.h"
+#include "handlers/registry.h"
 #include "spool/spool.h"
 #include "state/message_id.h"
+#include "util/settings.h"
 
 RunLook::~RunLook() { mh_list_free(&handlers); }
 
@@ -46,9 +52,46 @@ ExitLine finish(const char *spoolPath, ExitLine line, const RunLook *look) {
     return line;
 }
 
+// The recipient as every later step sees it: the domain in lower case
+// without one trailing dot, and the mailname in lower case too unless the
+// settings keep its case.
+std::string canonicalRecipient(const char *received) {
+    std::string address = received;
+    size_t at = address.find('@');
+    size_t domainStart = at == std::string::npos ? address.size() : at + 1;
+    bool foldMailname = settingYes("fold_recipient_case");
+    for (size_t i = 0; i < address.size(); i++)
+        if (i >= domainStart || foldMailname)
+            address[i] = static_cast<char>(tolower(static_cast<unsigned char>(address[i])));
+    if (address.size() > domainStart && address.back() == '.')
+        address.pop_back();
+    return address;
+}
+
+// The mailname before its first delimiter, when it has one after its first
+// character; empty otherwise, and with extensions turned off.
+std::string baseMailname(const char *mailname, std::string &extension) {
+    const std::string &delimiters = settingText("recipient_delimiter");
+    if (delimiters == "none" || mailname[0] == '\0')
+        return "";
+    size_t cut = strcspn(mailname + 1, delimiters.c_str()) + 1;
+    if (mailname[cut] == '\0')
+        return "";
+    extension = mailname + cut + 1;
+    return std::string(mailname, cut);
+}
+
 }  // namespace
 
 ExitLine runDelivery(const DeliveryRequest &request, RunLook *look) {
+    const char *sender = request.sender[0] != '\0' ? request.sender : kNullSender;
+    // Kept for the whole run: the run record and the registry keep pointers.
+    static std::string canonical, mailboxAddress;
+    canonical = canonicalRecipient(request.recipient);
+    if (look == nullptr)
+        runRecordStart(sender, canonical.c_str());
+    else
+        look->recipient = canonical;
     if (strchr(request.recipient, '@') == nullptr) {
         LogFunction(19, "Invalid e-mail address - no domain part: %s", request.recipient);
         return kExitBadDestination;
@@ -57,11 +100,12 @@ ExitLine runDelivery(const DeliveryRequest &request, RunLook *look) {
         LogFunction(19, "Invalid e-mail address - too long: %s", request.recipient);
         return kExitBadDestination;
     }
+    if (canonical != request.recipient)
+        LogFunction(6, "recipient %s is delivered as %s", request.recipient, canonical.c_str());
     char recipientCopy[kAddressBufferSize];
-    strncpy(recipientCopy, request.recipient, kAddressBufferSize - 1);
-    recipientCopy[kAddressBufferSize - 1] = '\0';
+    snprintf(recipientCopy, sizeof recipientCopy, "%s", canonical.c_str());
 
-    if (look == nullptr && setenv("DELIVERED_TO", request.recipient, 1) != 0) {
+    if (look == nullptr && setenv("DELIVERED_TO", canonical.c_str(), 1) != 0) {
         LogFunction(19, "Unable to set environment variable: %s\n", strerror(errno));
         return kExitResourcesLimited;
     }
@@ -76,10 +120,40 @@ ExitLine runDelivery(const DeliveryRequest &request, RunLook *look) {
     if (look != nullptr)
         look->spoolUsable = true;
 
+    // The mailbox is looked up before the handlers run, since the filters of
+    // a base mailbox apply to its extended addresses; what the lookup found
+    // is acted on after them, as before. The handlers run where ferndrop was
+    // started, so the lookup's directory is kept as a descriptor meanwhile.
+    char *mailname = nullptr;
+    char *domain = nullptr;
+    splitAddress(recipientCopy, &mailname, &domain);
+    std::string extension;
+    std::string base = mailname != nullptr ? baseMailname(mailname, extension) : "";
+    MailboxFound ownFound;
+    MailboxFound &found = look != nullptr ? look->mailbox : ownFound;
+    int started = open(".", O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+    int entered = enterMailboxDir(request.mailnamesDir, domain, mailname, &found, base.empty() ? nullptr : base.c_str());
+    int mailboxDir = entered == 0 ? open(".", O_RDONLY | O_DIRECTORY | O_CLOEXEC) : -1;
+    if (started >= 0) {
+        if (fchdir(started) != 0)
+            LogFunction(3, "cannot return to the starting directory: %s", strerror(errno));
+        close(started);
+    }
+    if (found.base) {
+        mailboxAddress = base + "@" + domain;
+        mh_set_recipient_base(mailboxAddress.c_str());
+        runRecordMailbox(mailboxAddress.c_str());
+        if (look != nullptr)
+            look->mailboxAddress = mailboxAddress;
+        else if (setenv("EXTENSION", extension.c_str(), 1) != 0) {
+            LogFunction(19, "Unable to set environment variable: %s\n", strerror(errno));
+            return finish(spoolPath, kExitResourcesLimited, look);
+        }
+    }
+
     reached(look, "handlers");
     char empty[] = "";
-    char *addresses[] = {empty, empty, const_cast<char *>(request.sender), const_cast<char *>(request.recipient),
-                         nullptr};
+    char *addresses[] = {empty, empty, const_cast<char *>(sender), const_cast<char *>(canonical.c_str()), nullptr};
     int status = mh_run_handlers(nullptr, addresses, nullptr, spoolPath, MH_QUEUE_DELIVERY,
                                  look != nullptr ? &look->handlers : nullptr);
     if (status == DS_DISCARDED) {
@@ -95,27 +169,29 @@ ExitLine runDelivery(const DeliveryRequest &request, RunLook *look) {
     }
 
     reached(look, "mailbox");
-    char *mailname = nullptr;
-    char *domain = nullptr;
-    splitAddress(recipientCopy, &mailname, &domain);
-    int entered = enterMailboxDir(request.mailnamesDir, domain, mailname, look != nullptr ? &look->mailbox : nullptr);
     if (entered == MAILBOX_UNKNOWN) {
-        // An unknown mailbox is not the transfer agent's problem to retry.
+        // Once the transfer agent has accepted a message, it is delivered or
+        // the sender is told: a bounce, unless the host wants none.
         syslog(19, "Unknown user: %s@%s", mailname, domain);
         endAs(look, "unknown-user");
-        return finish(spoolPath, kExitDone, look);
+        return finish(spoolPath, settingText("unknown_user") == "drop" ? kExitDone : kExitNoMailbox, look);
     }
     // A tree that cannot be searched now: the mailbox may well be there.
-    if (entered != 0)
+    if (entered != 0 || fchdir(mailboxDir) != 0) {
+        if (mailboxDir >= 0)
+            LogFunction(3, "cannot return to the mailbox directory: %s", strerror(errno));
         return finish(spoolPath, exitForDeliveryResult(DR_TEMPORARY), look);
+    }
+    close(mailboxDir);
 
     reached(look, "qmail");
-    int result = processQmailFile(".qmail", spoolPath, request.sender, request.recipient,
+    int result = processQmailFile(".qmail", spoolPath, sender, canonical.c_str(),
                                   look != nullptr ? &look->qmail : nullptr);
     if (result == DR_NO_INSTRUCTIONS) {
         reached(look, "store");
-        result = mapDeliveryCode(lda_deliver_file(spoolPath, request.recipient, "INBOX",
-                                                  look != nullptr ? &look->store : nullptr));
+        StoreTarget to{found.base ? mailboxAddress.c_str() : canonical.c_str(), found.base ? canonical.c_str() : nullptr,
+                       found.steps[1].entered.c_str(), found.steps[2].entered.c_str()};
+        result = mapDeliveryCode(lda_deliver_file(spoolPath, to, "INBOX", look != nullptr ? &look->store : nullptr));
         if (look != nullptr)
             look->assumesSuccess |= result == DR_DELIVERED;
     } else if (look != nullptr) {

@@ -1,6 +1,9 @@
 // One delivery's run sequence, from the recipient's checks to the store:
-// spool the message, run the handler pass, enter the mailbox directory, carry
-// out its .qmail or deliver into INBOX, and choose the exit table's line.
+// take the recipient in its canonical form, spool the message, find the
+// mailbox directory (the base mailbox of an address extension when the whole
+// address has none), run the handler pass, carry out the mailbox's .qmail or
+// deliver into INBOX, and choose the exit table's line. An empty sender is
+// the null sender, written "<>" everywhere inside.
 //
 // Promises: the same sequence serves the delivery and ferndrop-explain. Given
 // a look, every step decides exactly as it would for the delivery, but
@@ -10,6 +13,8 @@
 // standard input and every way out after spooling removes the spool file, so
 // the transfer agent's retry always starts from its own copy.
 #pragma once
+#include <string>
+
 #include "delivery/exits.h"
 #include "dotqmail/qmail_file.h"
 #include "driver/mailbox_dir.h"
@@ -26,6 +31,8 @@ struct DeliveryRequest {
 struct RunLook {
     // The last step reached: recipient, spool, handlers, mailbox, qmail, store.
     const char *stage = "recipient";
+    std::string recipient;  // canonical
+    std::string mailboxAddress;  // the base mailbox's address when an extension was cut off; else empty
     bool spoolUsable = false;
     bool registryUsable = false;
     HandlerList handlers;  // in run order

@@ -4,6 +4,10 @@
 #include <cerrno>
 #include <cstring>
 #include <dirent.h>
+#include <sys/stat.h>
+
+#include <algorithm>
+#include <vector>
 #include <strings.h>
 #include <unistd.h>
 
@@ -52,19 +56,27 @@ int chdirCaseless(const char *name, std::string *entered) {
         errno = saved;
         return -1;
     }
+    // Every entry matching without regard to case that is a directory when
+    // looked at counts: a link to one (an alias domain) and an entry whose
+    // type the file system does not report included, exactly as the exact
+    // name above would be followed. The smallest name wins, so the same tree
+    // always gives the same mailbox, whatever order the listing has.
+    std::vector<std::string> candidates;
+    int failure = 0;
     errno = 0;
     while (dirent *entry = readdir(dir)) {
-        // A link could point anywhere; only a real directory may stand in for a
-        // differently cased name. The exact name was tried above, links included.
-        if (entry->d_type != DT_DIR || strcasecmp(entry->d_name, name) != 0)
+        if (strcasecmp(entry->d_name, name) != 0)
             continue;
-        int result = chdir(entry->d_name);
-        int saved = errno;
-        if (result == 0 && entered != nullptr)
-            *entered = entry->d_name;
-        closedir(dir);
-        errno = saved;
-        return result;
+        struct stat st;
+        if (entry->d_type == DT_DIR) {
+            candidates.push_back(entry->d_name);
+        } else if (entry->d_type == DT_LNK || entry->d_type == DT_UNKNOWN) {
+            if (stat(entry->d_name, &st) == 0 && S_ISDIR(st.st_mode))
+                candidates.push_back(entry->d_name);
+            else if (errno != ENOENT && errno != ENOTDIR && failure == 0)
+                failure = errno;  // cannot tell whether it is the mailbox
+        }
+        errno = 0;
     }
     // A listing cut short by an error does not show the name is missing.
     int saved = errno;
@@ -74,8 +86,28 @@ int chdirCaseless(const char *name, std::string *entered) {
         errno = saved;
         return -1;
     }
-    errno = ENOENT;
-    return -1;
+    if (failure != 0) {
+        LogFunction(19, "cannot look at an entry matching %s: %s", name, strerror(failure));
+        errno = failure;
+        return -1;
+    }
+    if (candidates.empty()) {
+        errno = ENOENT;
+        return -1;
+    }
+    std::sort(candidates.begin(), candidates.end());
+    if (candidates.size() > 1) {
+        std::string all;
+        for (const std::string &c : candidates)
+            all += (all.empty() ? "" : ", ") + c;
+        LogFunction(4, "several directories match %s without regard to case (%s); taking %s", name, all.c_str(),
+                    candidates[0].c_str());
+    }
+    if (chdir(candidates[0].c_str()) != 0)
+        return -1;
+    if (entered != nullptr)
+        *entered = candidates[0];
+    return 0;
 }
 
 namespace {
@@ -87,7 +119,8 @@ int failureKind(int err) {
 
 }  // namespace
 
-int enterMailboxDir(const char *mailnamesDir, const char *domain, const char *mailname, MailboxFound *found) {
+int enterMailboxDir(const char *mailnamesDir, const char *domain, const char *mailname, MailboxFound *found,
+                    const char *base) {
     MailboxFound own;
     if (found == nullptr)
         found = &own;
@@ -107,13 +140,20 @@ int enterMailboxDir(const char *mailnamesDir, const char *domain, const char *ma
     for (int i = 0; i < 2; i++) {
         MailboxStep &step = found->steps[++found->taken - 1];
         step.given = names[i] != nullptr ? names[i] : "";
-        if (chdirCaseless(names[i], &step.entered) != 0) {
+        int entered = chdirCaseless(names[i], &step.entered);
+        // The base mailbox of an address extension, only when the whole
+        // mailname is not there.
+        if (entered != 0 && i == 1 && base != nullptr && failureKind(errno) == MAILBOX_UNKNOWN) {
+            entered = chdirCaseless(base, &step.entered);
+            found->base = entered == 0;
+        }
+        if (entered != 0) {
             step.error = errno;
             step.entered.clear();
             LogFunction(19, failures[i], names[i], strerror(step.error));
             return failureKind(step.error);
         }
-        step.caseless = step.entered != names[i];
+        step.caseless = step.entered != (found->base ? base : names[i]);
     }
     return 0;
 }

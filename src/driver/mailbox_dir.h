@@ -4,8 +4,10 @@
 // Promises: the working directory only ever moves downwards into the
 // mailnames tree: a name holding "/" or naming "." or ".." is refused, so no
 // recipient can reach a directory outside it. An exact name always beats a
-// case-insensitive match, and only real directories (never symbolic links)
-// are matched without regard to case. Every failure logs one line at mail.err
+// case-insensitive match; without one, every entry matching without regard
+// to case that is a directory when looked at (a link to one included) is a
+// candidate, and the smallest name in byte order wins, with a warning line
+// naming them all when there are several. Every failure logs one line at mail.err
 // and leaves errno meaningful for the caller's own line. Only a name that is
 // not there makes an unknown mailbox: a mailnames directory that cannot be
 // entered, or a directory that cannot be entered or listed for any other
@@ -35,12 +37,15 @@ struct MailboxStep {
 struct MailboxFound {
     MailboxStep steps[3];  // the mailnames directory, the domain, the mailname
     int taken = 0;         // steps tried
+    bool base = false;     // the mailname step entered the base mailbox
 };
 
 // Makes the mailbox directory the working directory: 0, or one of the values
 // above after one log line. found, when given, tells how each step went.
+// base, when given, is the mailbox entered instead when mailname is not
+// there (the address without its extension).
 int enterMailboxDir(const char *mailnamesDir, const char *domain, const char *mailname,
-                    MailboxFound *found = nullptr);
+                    MailboxFound *found = nullptr, const char *base = nullptr);
 
 // Changes into one subdirectory of the current directory, exact name first:
 // 0, or -1 with errno set. Names holding "/" and the names "." and ".." are

@@ -36,6 +36,7 @@ struct RunRecord {
     timespec start;
     const char *sender;
     const char *recipient;
+    const char *mailbox;
     char messageId[kMessageIdRoom];
     const char *outcome;
     ItemList lists[3];
@@ -114,6 +115,8 @@ void runRecordStart(const char *sender, const char *recipient) {
     record.recipient = recipient;
 }
 
+void runRecordMailbox(const char *mailbox) { record.mailbox = mailbox; }
+
 void runRecordMessageId(const char *messageId) {
     snprintf(record.messageId, sizeof record.messageId, "%s", messageId != nullptr ? messageId : "");
 }
@@ -152,6 +155,8 @@ void runRecordFinish(int status, const char *text) {
     putPair(line, sizeof line, &length, "to", record.recipient);
     putPair(line, sizeof line, &length, "from", record.sender);
     putPair(line, sizeof line, &length, "message_id", record.messageId);
+    if (record.mailbox != nullptr)
+        putPair(line, sizeof line, &length, "mailbox", record.mailbox);
     put(line, sizeof line, &length, " outcome=%s status=%d code=", record.outcome != nullptr ? record.outcome
                                                                                              : runOutcomeFor(status),
         status);

@@ -10,6 +10,10 @@ enum RunList { RUN_HANDLERS, RUN_QMAIL, RUN_STORE };
 
 void runRecordStart(const char *sender, const char *recipient);
 
+// The mailbox's address, when it is not the recipient's (an address
+// extension); the line names it then.
+void runRecordMailbox(const char *mailbox);
+
 // The message's Message-ID as its header has it; empty or null for none.
 void runRecordMessageId(const char *messageId);
 

@@ -266,6 +266,10 @@ void printText(const Explained &e) {
                std::string(s.source) == "file"      ? ""
                : std::string(s.source) == "default" ? " (default)"
                                                     : " (default: the file's value is invalid)");
+    if (e.look.recipient != e.recipient)
+        printf("recipient: delivered as %s\n", shown(e.look.recipient).c_str());
+    if (!e.look.mailboxAddress.empty())
+        printf("mailbox: %s, the recipient's address without its extension\n", shown(e.look.mailboxAddress).c_str());
     if (e.messageFile.empty())
         printf("message: none given; no line counts as served (the message keys the delivery state)\n");
     else
@@ -278,10 +282,12 @@ void printText(const Explained &e) {
 }
 
 void printJson(const Explained &e) {
-    printf("{\"sender\": %s, \"recipient\": %s, \"mailnames_dir\": %s,\n \"settings\": %s,\n \"message\": %s,\n %s,\n"
+    printf("{\"sender\": %s, \"recipient\": %s, \"canonical_recipient\": %s, \"mailbox_address\": %s, "
+           "\"mailnames_dir\": %s,\n \"settings\": %s,\n \"message\": %s,\n %s,\n"
            " \"ends\": {\"stage\": %s, \"outcome\": %s, \"status\": %d, \"code\": %s, \"text\": %s, \"why\": %s, "
            "\"assumes_success\": %s}}\n",
-           q(e.sender).c_str(), q(e.recipient).c_str(), q(e.mailnames).c_str(), settingsJson().c_str(),
+           q(e.sender).c_str(), q(e.recipient).c_str(), q(e.look.recipient).c_str(),
+           orNull(e.look.mailboxAddress).c_str(), q(e.mailnames).c_str(), settingsJson().c_str(),
            e.messageFile.empty() ? "null"
                                  : ("{\"file\": " + q(e.messageFile) + ", \"message_id\": " +
                                     orNull(messageIdOf(e.messageFile)) + "}").c_str(),

@@ -69,7 +69,8 @@ CommandLine parseCommandLine(int argc, char **argv) {
     }
     if (optind != argc)
         usageError("extra arguments");
-    if (cmd.sender == nullptr || cmd.sender[0] == '\0')
+    // An empty sender is the null sender of bounces and notifications.
+    if (cmd.sender == nullptr)
         usageError("unspecified -f <sender>");
     if (cmd.recipient == nullptr || cmd.recipient[0] == '\0')
         usageError("unspecified -d <recipient>");
@@ -111,8 +112,8 @@ int main(int argc, char **argv) {
     signal(SIGPIPE, SIG_IGN);
     logInit(nullptr, 6, LOG_MAIL, LOG_PID, kProgramName);
     CommandLine cmd = parseCommandLine(argc, argv);
-    LogFunction(6, "%s: from=%s, to=%s, dirname=%s", kProgramName, cmd.sender, cmd.recipient, cmd.mailnamesDir);
-    runRecordStart(cmd.sender, cmd.recipient);
+    LogFunction(6, "%s: from=%s, to=%s, dirname=%s", kProgramName, cmd.sender[0] != '\0' ? cmd.sender : "<>",
+                cmd.recipient, cmd.mailnamesDir);
 
     exitWith(runDelivery({cmd.sender, cmd.recipient, cmd.mailnamesDir, nullptr}));
 }

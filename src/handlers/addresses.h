@@ -4,6 +4,8 @@
 #include <cstddef>
 
 const int kFirstRecipient = 3;
+// The null sender of bounces and notifications, as every part of a run writes it.
+inline constexpr char kNullSender[] = "<>";
 // Recipients are read from kFirstRecipient up to this position (exclusive).
 const int kAddressBound = 16384;
 // The driver accepts an address of at most 501 characters, and the registry

@@ -37,6 +37,11 @@ const char kCreationScript[] =
     "CREATE INDEX idx3 ON handlers(name, queue, type, address);"
     "CREATE INDEX idx4 ON handlers(name, queue, type);"
     "COMMIT;";
+// Deliveries match addresses without regard to case; without an index in
+// that collation every lookup would read all rows of its kind.
+const char kCaselessIndex[] =
+    "CREATE INDEX IF NOT EXISTS idx_address_nocase ON handlers(queue, type, enabled, address COLLATE NOCASE, "
+    "priority);";
 
 int createDirectory(const char *path) {
     char *copy = strdup(path);
@@ -73,6 +78,8 @@ int createSchema(const char *path) {
     char *message = nullptr;
     int answer = SQLITE_OK;
     int paused = mh_busy_exec(db, kCreationScript, &message, &answer);
+    if (paused == 0 && answer == SQLITE_OK)
+        paused = mh_busy_exec(db, kCaselessIndex, &message, &answer);
     if (paused != 0 || answer != SQLITE_OK) {
         if (message != nullptr) {
             LogFunction(3, "Unable to re-create %s database: %s", kKind, message);
@@ -120,4 +127,26 @@ int mh_create_db() {
         return -1;
     }
     return 0;
+}
+
+int mh_add_caseless_index(const char *path) {
+    sqlite3 *db = nullptr;
+    if (sqlite3_open_v2(path, &db, SQLITE_OPEN_READWRITE, nullptr) != SQLITE_OK) {
+        LogFunction(3, "Unable to open database %s: %s", path, mh_db_message(db));
+        if (db != nullptr)
+            mh_busy_close(db);
+        return -1;
+    }
+    sqlite3_busy_timeout(db, kBusyTimeoutMs);
+    char *message = nullptr;
+    int answer = SQLITE_OK;
+    int paused = mh_busy_exec(db, kCaselessIndex, &message, &answer);
+    if (paused != 0 || answer != SQLITE_OK) {
+        LogFunction(3, "Unable to add the caseless address index to %s: %s", path,
+                    message != nullptr ? message : mh_db_message(db));
+        sqlite3_free(message);
+        mh_busy_close(db);
+        return -1;
+    }
+    return mh_busy_close(db);
 }

@@ -5,6 +5,7 @@
 // the text after its address's first "@" equals the domain exactly, so
 // "example.com" never picks up "sub.example.com" or "EXAMPLE.COM".
 #include <cstring>
+#include <strings.h>
 #include <sqlite3.h>
 
 #include "driver/log.h"
@@ -24,7 +25,7 @@ char *columnText(sqlite3_stmt *stmt, int column) {
 
 bool inDomain(const char *address, const char *domain) {
     const char *at = address != nullptr ? strchr(address, '@') : nullptr;
-    return at != nullptr && strcmp(at + 1, domain) == 0;
+    return at != nullptr && strcasecmp(at + 1, domain) == 0;
 }
 
 // Adds the rows of the domain; true when the rows ran out.

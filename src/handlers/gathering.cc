@@ -6,7 +6,9 @@
 // (or a busy pause fails), so a registry without its table means "no
 // handlers", not a failed delivery. Since every add goes to the head, the
 // list comes out in the reverse of the gathering order.
+#include <cstdlib>
 #include <cstring>
+#include <strings.h>
 #include <sqlite3.h>
 
 #include "driver/log.h"
@@ -74,6 +76,22 @@ int mh_get_recipient_handlers(sqlite3 *db, HandlerList *list, char **addresses, 
     for (int i = kFirstRecipient; const char *recipient = recipientAt(addresses, i); i++) {
         if (selectKey(db, list, MH_TYPE_RECIPIENT, queue, recipient, "recipient") != 0)
             return -1;
+        // A base mailbox's filters apply to its extended addresses, and run
+        // with the address the message was sent to.
+        const char *base = mh_get_recipient_base();
+        if (base == nullptr || strcasecmp(base, recipient) == 0)
+            continue;
+        size_t before = list->records.size();
+        if (selectKey(db, list, MH_TYPE_RECIPIENT, queue, base, "recipient") != 0)
+            return -1;
+        auto added = list->records.begin();
+        for (size_t n = list->records.size() - before; n > 0; n--, ++added) {
+            char *full = strdup(recipient);
+            if (full == nullptr)
+                return -1;
+            free((*added)->address);
+            (*added)->address = full;
+        }
     }
     return 0;
 }
@@ -109,6 +127,9 @@ int mh_get_sender_domain_handlers(sqlite3 *db, HandlerList *list, char **address
         LogFunction(3, "Unable to get sender domain since sender mailname is NULL");
         return -1;
     }
+    // Bounces and notifications have no sender, so no sender domain either.
+    if (strcmp(sender, kNullSender) == 0)
+        return 0;
     const char *at = strchr(sender, '@');
     if (at == nullptr) {
         LogFunction(3, "Unable to get sender domain by sender mailname");

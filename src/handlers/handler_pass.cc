@@ -6,6 +6,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <fcntl.h>
+#include <strings.h>
 #include <iterator>
 #include <unistd.h>
 
@@ -153,7 +154,7 @@ int mh_run_for_recipients(char **addresses, char **args, const HandlerRecord *re
             return DS_REJECTED;
         }
         if (record->type == MH_TYPE_RECIPIENT_DOMAIN &&
-            (record->address == nullptr || strcmp(record->address, at + 1) != 0))
+            (record->address == nullptr || strcasecmp(record->address, at + 1) != 0))
             continue;
         args[0] = record->executable;
         args[1] = record->context;

@@ -10,6 +10,12 @@ struct sqlite3;
 void mh_set_db_path(const char *path);
 const char *mh_get_db_path();
 
+// The base mailbox address of the recipient when it was reached through an
+// address extension (bob@ for bob+shop@), else null: recipient rows of the
+// base apply too. Kept, not copied, like the path.
+void mh_set_recipient_base(const char *base);
+const char *mh_get_recipient_base();
+
 // Fills list with every enabled handler of queue that applies to addresses
 // (["", "", sender, recipient..., null]), in run order from the head.
 // Negative: the registry could not be used at all. Otherwise the list holds
@@ -38,3 +44,6 @@ int mh_find_domain_handlers(sqlite3 *db, HandlerList *list, const char *address)
 // Lays out a new, empty registry at the registry path: directories, schema,
 // owner root:popuser, mode 0640. 0 or -1 (logged).
 int mh_create_db();
+// Adds the index that caseless address lookups use to an existing registry
+// (kept when there). 0 or -1 (logged).
+int mh_add_caseless_index(const char *path);

@@ -19,7 +19,12 @@
 
 namespace {
 const char *registryPath = FERNDROP_HANDLERS_DB;
+const char *recipientBase = nullptr;
 }  // namespace
+
+void mh_set_recipient_base(const char *base) { recipientBase = base; }
+
+const char *mh_get_recipient_base() { return recipientBase; }
 
 void mh_set_db_path(const char *path) { registryPath = path != nullptr ? path : FERNDROP_HANDLERS_DB; }
 

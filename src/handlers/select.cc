@@ -17,8 +17,8 @@
 namespace {
 
 const char kSelect[] =
-    "SELECT executable, context, name FROM handlers WHERE queue=? AND type=? AND enabled=? AND address=? "
-    "ORDER BY priority DESC";
+    "SELECT executable, context, name FROM handlers WHERE queue=? AND type=? AND enabled=? AND "
+    "address=? COLLATE NOCASE ORDER BY priority DESC";
 const char kAll[] = "all";
 const char kAllRecipients[] = "all-recipients";
 

@@ -128,6 +128,9 @@ int registry(const std::string &path, gid_t gid) {
             fprintf(stderr, "ferndrop-setup: owner/mode of %s: %s\n", path.c_str(), strerror(errno));
             return 1;
         }
+        // Its rows stay; deliveries need the caseless index beside them.
+        if (mh_add_caseless_index(path.c_str()) != 0)
+            return 1;
         printf("%s 0640 0:%u (kept)\n", path.c_str(), gid);
         return 0;
     }

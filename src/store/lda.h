@@ -26,10 +26,22 @@ struct StoreLook {
     std::vector<std::string> argv;
 };
 
+// Whose INBOX: the mailbox's address (Dovecot's user), the address the
+// message was sent to when it differs (an address extension; Dovecot's
+// original recipient, so that its filters see the extension), and the
+// directory names the mailbox lookup entered (Courier's Maildir path is
+// built from them, never from the address text).
+struct StoreTarget {
+    const char *user;
+    const char *original;  // null when it is user
+    const char *domainDir;
+    const char *mailnameDir;
+};
+
 // 0 delivered; the agent's non-zero exit status; LDA_TRY_LATER (above); -1
 // when the delivery cannot be attempted (the message unreadable, a path too
 // long) or the wait for the agent failed. With look nothing is started: the
 // command line is recorded and 0 stands for whatever the agent would answer;
 // path may then be null (no message at hand).
-int lda_deliver_file(const char *path, const char *recipient, const char *folder, StoreLook *look = nullptr);
-int lda_deliver_fd(int fd, const char *recipient, const char *folder, StoreLook *look = nullptr);
+int lda_deliver_file(const char *path, const StoreTarget &to, const char *folder, StoreLook *look = nullptr);
+int lda_deliver_fd(int fd, const StoreTarget &to, const char *folder, StoreLook *look = nullptr);

@@ -10,7 +10,6 @@
 #include <unistd.h>
 
 #include "driver/log.h"
-#include "driver/mailbox_dir.h"
 #include "driver/run_record.h"
 #include "paths.h"
 #include "store/lda.h"
@@ -49,27 +48,19 @@ int startAgent(int fd, const char *server, std::vector<std::string> argv, StoreL
     return agentResult(pid, args[0]);
 }
 
-int deliverCourier(int fd, const char *recipient, const char *folder, StoreLook *look) {
-    char *copy = strdup(recipient);
-    if (copy == nullptr) {
-        int saved = errno;
-        LogFunction(3, "Unable to deliver mail - out of memory: %s [%d]", strerror(saved), saved);
-        return -1;
-    }
-    char *mailname = nullptr;
-    char *domain = nullptr;
-    splitAddress(copy, &mailname, &domain);
+int deliverCourier(int fd, const StoreTarget &to, const char *folder, StoreLook *look) {
     char maildir[kStorePathBufferSize];
-    int built = build_folder_path(maildir, sizeof maildir, mailname, domain, folder);
-    free(copy);
-    if (built != 0)
+    if (build_folder_path(maildir, sizeof maildir, to.mailnameDir, to.domainDir, folder) != 0)
         return -1;
     return startAgent(fd, "courier", {FERNDROP_DELIVERQUOTA, maildir}, look);
 }
 
-int deliverDovecot(int fd, const char *recipient, const char *folder, StoreLook *look) {
+int deliverDovecot(int fd, const StoreTarget &to, const char *folder, StoreLook *look) {
+    std::vector<std::string> argv = {FERNDROP_DOVECOT_LDA, "-d", to.user};
+    if (to.original != nullptr)
+        argv.insert(argv.end(), {"-a", to.original});
     if (is_inbox_folder(folder))
-        return startAgent(fd, "dovecot", {FERNDROP_DOVECOT_LDA, "-d", recipient}, look);
+        return startAgent(fd, "dovecot", argv, look);
     if (!is_dot_folder(folder))
         return -1;
     char imapFolder[kStorePathBufferSize];
@@ -78,21 +69,23 @@ int deliverDovecot(int fd, const char *recipient, const char *folder, StoreLook 
         LogFunction(3, "IMAP folder name 'INBOX%s' is too long to be present on file system", folder);
         return -1;
     }
-    return startAgent(fd, "dovecot", {FERNDROP_DOVECOT_LDA, "-d", recipient, "-m", imapFolder}, look);
+    argv.insert(argv.end(), {"-m", imapFolder});
+    return startAgent(fd, "dovecot", argv, look);
 }
 
 }  // namespace
 
-int lda_deliver_fd(int fd, const char *recipient, const char *folder, StoreLook *look) {
+int lda_deliver_fd(int fd, const StoreTarget &to, const char *folder, StoreLook *look) {
+    const char *recipient = to.user;
     if (strchr(recipient, '@') == nullptr) {
         LogFunction(3, "Unable to deliver mail message to short address '%s' - I don't know how to do it", recipient);
         return -1;
     }
     switch (detect_server_type()) {
     case SERVER_COURIER_IMAP:
-        return deliverCourier(fd, recipient, folder, look);
+        return deliverCourier(fd, to, folder, look);
     case SERVER_DOVECOT:
-        return deliverDovecot(fd, recipient, folder, look);
+        return deliverDovecot(fd, to, folder, look);
     case SERVER_UNKNOWN:
         break;
     }
@@ -101,9 +94,10 @@ int lda_deliver_fd(int fd, const char *recipient, const char *folder, StoreLook 
     return LDA_TRY_LATER;
 }
 
-int lda_deliver_file(const char *path, const char *recipient, const char *folder, StoreLook *look) {
+int lda_deliver_file(const char *path, const StoreTarget &to, const char *folder, StoreLook *look) {
+    const char *recipient = to.user;
     if (look != nullptr)
-        return lda_deliver_fd(-1, recipient, folder, look);
+        return lda_deliver_fd(-1, to, folder, look);
     int fd = open(path, O_RDONLY);
     if (fd < 0) {
         int saved = errno;
@@ -111,7 +105,7 @@ int lda_deliver_file(const char *path, const char *recipient, const char *folder
                     strerror(saved), saved);
         return -1;
     }
-    int result = lda_deliver_fd(fd, recipient, folder);
+    int result = lda_deliver_fd(fd, to, folder);
     const char *agent = server_agent(cached_server_type());
     runRecordAdd(RUN_STORE, agent != nullptr ? agent : "none", "%d", result);
     if (result != 0)

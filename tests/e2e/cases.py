@@ -114,7 +114,8 @@ def stopped_agent_reaped(w, r):
 
 def agent_call(w, r):
     [c] = w.calls("/usr/libexec/dovecot/dovecot-lda")
-    check(c["argv"] == "-d\nAlice@Example.COM\n" and c["stdin"] == MSG and c["fds"] == "0 1 2 ", f"agent {c}")
+    check(c["argv"] == "-d\nalice@example.com\n" and c["stdin"] == MSG and c["fds"] == "0 1 2 ", f"agent {c}")
+    check("DELIVERED_TO=alice@example.com\n" in c["env"], "the agent's DELIVERED_TO")
 
 
 CASES = {
@@ -122,30 +123,42 @@ CASES = {
     "usage_unknown_option": row(64, '2 ferndrop usage error: "invalid option -x"', USAGE,
                                 args=["-x", "-f", S, "-d", R, "-p", P]),
     "usage_extra_argument": row(64, '2 ferndrop usage error: "extra arguments"', args=["-f", S, "-d", R, "-p", P, "x"]),
-    "usage_empty_sender": row(64, '2 ferndrop usage error: "unspecified -f <sender>"', args=["-f", "", "-d", R, "-p", P]),
     "usage_no_recipient": row(64, '2 ferndrop usage error: "unspecified -d <recipient>"', args=["-f", S, "-p", P]),
     "usage_empty_mailnames": row(64, '2 ferndrop usage error: "unspecified -p <mailnames dir>"',
                                  args=["-f", S, "-d", R, "-p", ""]),
+    "null_sender": row(75, f"6 ferndrop: from=<>, to={R}, dirname={P}", args=["-f", "", "-d", R, "-p", P],
+                       qmail="&bob@example.net\n|exit 75\n", h=[(2, "example.org", "echo $2 > {d}/seen; exec cat")],
+                       then=lambda w, r: check(w.record(f"<job.1@example.org> <> {R}") == "&bob@example.net\n" and
+                                               "-f\n<>\n" in w.calls()[0]["argv"] and " from=<> " in r.log[-1] and
+                                               not [l for l in r.log if l.startswith("3 ")], "null sender", r)),
     "later_option_wins": row(0, f"6 ferndrop: from=second@a, to={R}, dirname={P}", args=["-f", "a@b", "-f", "second@a",
                                                                                         "-d", R, "-p", P]),
     "recipient_without_domain": row(65, "3 Invalid e-mail address - no domain part: alice", rcpt="alice"),
-    "recipient_501_accepted": row(0, "3 Unknown user: " + "a" * 489 + "@example.com", rcpt="a" * 489 + "@example.com"),
+    "recipient_501_accepted": row(67, "3 Unknown user: " + "a" * 489 + "@example.com", rcpt="a" * 489 + "@example.com"),
     "recipient_502_refused": row(65, "3 Invalid e-mail address - too long: " + "a" * 490 + "@example.com",
                                  rcpt="a" * 490 + "@example.com"),
     "spool_missing": row(75, "3 Unable to read message from stdin", rm=[SPOOL],
                          out="4.6.0 Unable to read message content\n"),
-    # Mailbox directory: caseless match, nothing outside the tree, unknown users dropped
-    "caseless_mailbox": row(0, rcpt="ALICE@Example.Com", qmail="|cat > out\n", then=lambda w, r: delivered(w, MSG)),
-    "unknown_domain": row(0, "3 Unknown user: alice@example.net", rcpt="alice@example.net"),
-    "empty_domain": row(0, "3 Unknown user: alice@", rcpt="alice@"),
-    "slash_in_domain": row(0, "3 bad entry ../example.com/alice (contains /)", "3 Unknown user: x@../example.com/alice",
+    # Mailbox directory: caseless match, nothing outside the tree, unknown users bounced (or dropped on request)
+    "caseless_mailbox": row(0, "6 recipient ALICE@Example.Com. is delivered as ALICE@example.com",
+                            rcpt="ALICE@Example.Com.", qmail="|cat > out\n", then=lambda w, r: delivered(w, MSG),
+                            files=[("/etc/ferndrop/ferndrop.conf", "fold_recipient_case no\n")]),
+    "unknown_domain": row(67, "3 Unknown user: alice@example.net", rcpt="alice@example.net"),
+    "unknown_dropped_on_request": row(0, "3 Unknown user: alice@", rcpt="alice@",
+                                      files=[("/etc/ferndrop/ferndrop.conf", "unknown_user drop # no bounces\n")]),
+    "slash_in_domain": row(67, "3 bad entry ../example.com/alice (contains /)", "3 Unknown user: x@../example.com/alice",
                            rcpt="x@../example.com/alice"),
-    "dotdot_mailname": row(0, "3 Unknown user: ..@example.com", rcpt="..@example.com", qmail="|cat > out\n",
+    "dotdot_mailname": row(67, "3 Unknown user: ..@example.com", rcpt="..@example.com", qmail="|cat > out\n",
                            files=[("../.qmail", "|cat > {d}/escaped\n")],
                            then=lambda w, r: check(not os.path.exists(w.dir + "/escaped"), "left the tree")),
-    "caseless_symlink_not_followed": row(0, "3 Unknown user: Bob@example.com", rcpt="Bob@example.com",
-                                         then=lambda w, r: check(not new(w), "delivered through a link"),
-                                         setup=lambda w: os.symlink("alice", w.path("../bob"))),
+    # Every caseless candidate counts, a link to a directory too, and the smallest name wins every time
+    "caseless_candidates": row(0, "4 several directories match bob without regard to case (BOB, Bob); taking BOB",
+                               rcpt="bob@example.com", files=[("../Bob/.qmail", "|cat > out\n")],
+                               then=lambda w, r: check(len(w.calls(LDA)) == 1 and not os.path.exists(
+                                   w.path("../Bob/out")), "not delivered through the link"),
+                               setup=lambda w: os.symlink("alice", w.path("../BOB"))),
+    "caseless_look_fails": row(75, "3 cannot look at an entry matching bob: Too many levels of symbolic links",
+                               rcpt="bob@example.com", setup=lambda w: os.symlink("BOB", w.path("../BOB"))),
     # .qmail lines
     "all_line_kinds": row(0, qmail="# note\n\n  \t \n&  spaced@example.net\nplain@example.net   # note\ndir/\n"
                              "|   cat > out   \n./Maildir/\n./mbox\n{d}/abs.mbox", then=deliver_all),
@@ -213,13 +226,14 @@ CASES = {
         "qmail=1:mbox:served,2:program:failed")),
     "summary_discarded": row(0, h=[(4, "all", "echo STOP >&2")], then=summary(
         f"to={R} from={S} message_id=<Job.1@Example.ORG> outcome=discarded status=0 code=2.0.0 handlers=h1:STOP")),
-    "summary_unknown_user": row(0, rcpt="bob@example.com", then=summary(
-        f"to=bob@example.com from={S} message_id=<Job.1@Example.ORG> outcome=unknown-user status=0 code=2.0.0")),
+    "summary_unknown_user": row(67, rcpt="bob@example.com", then=summary(
+        f"to=bob@example.com from={S} message_id=<Job.1@Example.ORG> outcome=unknown-user status=67 code=5.1.1")),
     # The store's delivery agent for INBOX
-    "inbox_through_agent": row(0, rcpt="Alice@Example.COM", then=agent_call),
+    "inbox_through_agent": row(0, "6 recipient Alice@Example.COM. is delivered as alice@example.com",
+                               rcpt="Alice@Example.COM.", then=agent_call),
     "courier_preferred_store_path": row(0, rcpt="Alice@Example.COM", setup=lambda w: w.recorder(COURIER), files=[
         ("/etc/qrn/qrn.conf", "KAVRA_MAILNAMES_D /old\n# moved\nKAVRA_MAILNAMES_D\t/srv/store  # here\n")],
-        then=lambda w, r: check([c["argv"] for c in w.calls(COURIER)] == ["/srv/store/Example.COM/Alice/Maildir\n"]
+        then=lambda w, r: check([c["argv"] for c in w.calls(COURIER)] == ["/srv/store/example.com/alice/Maildir\n"]
                                 and not w.calls(LDA), "agent")),
     "courier_store_path_too_long": row(71, setup=lambda w: w.recorder(COURIER), files=[
         ("/etc/qrn/qrn.conf", "KAVRA_MAILNAMES_D /" + "r" * 4070 + "\n")],
@@ -238,7 +252,7 @@ CASES = {
         (2, "example.org", STAMP, 0, 1, "c", "sdomain"), (1, R, STAMP, 0, 1, "c", "recipient"),
         (0, S, STAMP, 0, 1, "c", "sender"), (0, S, STAMP, 0, 0, "c", "disabled"), (1, "Alice@example.com", STAMP)],
         then=lambda w, r: delivered(w, "".join(f"X-{n}: 1\n" for n in
-                                             "all20 all10 allrcpt rdomain sdomain recipient sender".split()) + MSG)),
+                                             "all20 all10 allrcpt rdomain sdomain h9 recipient sender".split()) + MSG)),
     "handler_protocol": row(0, qmail="|cat > out\n", h=[(1, R, 'printf "%s|" "$0" "$@" > {d}/seen; '
                                                          'echo "$DELIVERED_TO"; cat; echo SKIP >&2', 0, 1, "the ctx")],
                             then=lambda w, r: delivered(w, MSG) or check(w.read(w.dir + "/seen") == (
@@ -270,6 +284,22 @@ CASES = {
                             "3 Unable to get full handlers list", rm=[os.path.dirname(REGISTRY)],
                             out="4.1.0 Mail subsystem unspecified errors\n"),
 }
+
+
+def address_extensions(w):
+    """alice+shop@ reaches alice's INBOX with the full address as the agent's original recipient and EXTENSION for
+    the children; alice's filters run for it; a mailbox named alice+x wins over alice; no delimiter, no extension."""
+    w.handler(1, R, 'echo "$3 $EXTENSION" >> {d}/seen; echo SKIP >&2'.replace("{d}", w.dir))
+    r = w.run(rcpt="alice+shop@example.com")
+    expect(r, 0)
+    [c] = w.calls(LDA)
+    check(c["argv"] == f"-d\n{R}\n-a\nalice+shop@example.com\n" and "EXTENSION=shop\n" in c["env"], f"agent {c}")
+    check(w.read(w.dir + "/seen") == "alice+shop@example.com shop\n" and f" mailbox={R} " in r.log[-1], "handler", r)
+    w.write("../alice+x/.qmail", "|cat > out\n")
+    expect(w.run(rcpt="alice+x@example.com"), 0)
+    check(w.read("../alice+x/out") == MSG and len(w.calls(LDA)) == 1, "literal mailbox")
+    w.write("/etc/ferndrop/ferndrop.conf", "recipient_delimiter none\n")
+    expect(w.run(rcpt="alice+shop@example.com"), 67, "3 Unknown user: alice+shop@example.com")
 
 
 def retry_skips_served_lines(w):
@@ -384,13 +414,14 @@ def maildir_new_synced(w):
     check(len(new(w)) == 1, "copies after the retry")
 
 
-CASES.update(retry_skips_served_lines=retry_skips_served_lines, setup_layout=setup_layout, locked_registry=locked_registry_is_waited_for,
+CASES.update(address_extensions=address_extensions, retry_skips_served_lines=retry_skips_served_lines, setup_layout=setup_layout, locked_registry=locked_registry_is_waited_for,
              sigpipe_on_stderr=sigpipe_on_stderr, state_database_bounded=state_database_bounded, explain=explain)
 # Under strace: the release build only (the sanitizer runtime makes system calls of its own).
 TRACED = {"fork_fails": fork_fails, "maildir_new_synced": maildir_new_synced,
           "domain_unreadable": row(75, "3 cannot chdir to domain dir example.com: Permission denied", then=known,
                                    pre=STRACE + ["trace=chdir", "-e", "inject=chdir:error=EACCES:when=2"]),
-          "listing_unreadable": row(75, "3 cannot readdir '.': Input/output error", rcpt="alice@EXAMPLE.COM",
+          "listing_unreadable": row(75, "3 cannot readdir '.': Input/output error", rcpt="ALICE@example.com",
+                                    files=[("/etc/ferndrop/ferndrop.conf", "fold_recipient_case no\n")],
                                     then=known, pre=STRACE + ["trace=getdents64", "-e", "inject=getdents64:error=EIO"])}
 
 if __name__ == "__main__":

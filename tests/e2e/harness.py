@@ -11,6 +11,7 @@ KEY = f"<job.1@example.org> {S} {R}"
 SPOOL, STATE = "/usr/local/qrn/handlers/spool", "/var/lib/kavra/mail/local/local.db"
 REGISTRY = "/var/lib/kavra/mail/handlers/handlers.db"
 TEXT = {64: "4.3.5 Local delivery is disabled due to server misconfigurations", 65: "5.1.3 Invalid destination status",
+        67: "5.1.1 Mailbox does not exist",
         69: "5.7.1 Message can't be delivered", 71: "5.7.1 Message can't be delivered",
         75: "4.2.1 Message can not be delivered at this time", 77: "5.7.1 Mail quota exceeded"}
 SCHEMA = ("CREATE TABLE handlers (queue INTEGER, type INTEGER, enabled BOOLEAN, priority INTEGER, name VARCHAR(255) "
