@@ -143,7 +143,9 @@ CASES = {
     "caseless_mailbox": row(0, "6 recipient ALICE@Example.Com. is delivered as ALICE@example.com",
                             rcpt="ALICE@Example.Com.", qmail="|cat > out\n", then=lambda w, r: delivered(w, MSG),
                             files=[("/etc/ferndrop/ferndrop.conf", "fold_recipient_case no\n")]),
-    "unknown_domain": row(67, "3 Unknown user: alice@example.net", rcpt="alice@example.net"),
+    "unknown_domain": row(67, "3 Unknown user: alice@example.net", '4 /etc/ferndrop/ferndrop.conf: invalid value '
+                          '"sometimes" for unknown_user; the default bounce is used', rcpt="alice@example.net",
+                          files=[("/etc/ferndrop/ferndrop.conf", "unknown_user sometimes\n")]),
     "unknown_dropped_on_request": row(0, "3 Unknown user: alice@", rcpt="alice@",
                                       files=[("/etc/ferndrop/ferndrop.conf", "unknown_user drop # no bounces\n")]),
     "slash_in_domain": row(67, "3 bad entry ../example.com/alice (contains /)", "3 Unknown user: x@../example.com/alice",
@@ -302,6 +304,16 @@ def address_extensions(w):
     expect(w.run(rcpt="alice+shop@example.com"), 67, "3 Unknown user: alice+shop@example.com")
 
 
+def settings_documented(w):
+    """Every setting explain prints is shipped, commented out at its default, and has its manual entry."""
+    root = os.path.dirname(os.path.dirname(os.path.dirname(os.path.abspath(__file__))))
+    shipped = dict(re.findall(r"^#(\w+) (.*)$", open(root + "/debian/ferndrop.conf").read(), re.M))
+    told = predict(w, ["-f", S, "-d", R, "-p", w.mailnames], MSG)["settings"]
+    manual = open(root + "/docs/ferndrop.8").read()
+    check(shipped == {k: v["value"] for k, v in told.items()}, f"shipped {shipped}, explain {told}")
+    check(all(f".B {k}" in manual for k in told), "a setting without its manual entry")
+
+
 def retry_skips_served_lines(w):
     w.write(".qmail", "&bob@example.net\n./Maildir/\n|test -e go || exit 75\n./mbox\n")
     expect(w.run(), 75)
@@ -414,7 +426,7 @@ def maildir_new_synced(w):
     check(len(new(w)) == 1, "copies after the retry")
 
 
-CASES.update(address_extensions=address_extensions, retry_skips_served_lines=retry_skips_served_lines, setup_layout=setup_layout, locked_registry=locked_registry_is_waited_for,
+CASES.update(address_extensions=address_extensions, settings_documented=settings_documented, retry_skips_served_lines=retry_skips_served_lines, setup_layout=setup_layout, locked_registry=locked_registry_is_waited_for,
              sigpipe_on_stderr=sigpipe_on_stderr, state_database_bounded=state_database_bounded, explain=explain)
 # Under strace: the release build only (the sanitizer runtime makes system calls of its own).
 TRACED = {"fork_fails": fork_fails, "maildir_new_synced": maildir_new_synced,

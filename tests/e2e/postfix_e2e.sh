@@ -85,6 +85,7 @@ userdb {
 }
 protocol lda {
   postmaster_address = postmaster@example.com
+  deliver_log_format = msgid=%m envelope_to=%{to_envelope}: %$
 }
 EOF
 # example.com is local, every local recipient goes to ferndrop, and nothing is refused at the door.
@@ -93,10 +94,11 @@ compatibility_level = 3.6
 myhostname = mx.example.com
 mydestination = $mydomain, localhost
 local_recipient_maps =
+recipient_delimiter = +
 local_transport = ferndrop
 ferndrop_destination_recipient_limit = 1
 EOF
-postconf -M "ferndrop/unix=ferndrop unix - n n - - pipe flags=DRXhu user=popuser:popuser null_sender=<>"\
+postconf -M "ferndrop/unix=ferndrop unix - n n - - pipe flags=DRXhu user=popuser:popuser null_sender="\
 " argv=$sbin/ferndrop"' -f ${sender} -d ${recipient} -p /var/qmail/mailnames'
 postconf -F '*/*/chroot = n'
 dovecot
@@ -110,20 +112,32 @@ cases = {"eightbit": (C, "alice", "Grüße, €100\n".encode() + bytes(range(0x8
          "nullsender": ("", "alice", b"A notification with the null sender.\n"),
          "forward": (C, "bob", b"Bob keeps one, Dave gets one.\n"),
          "nullforward": ("", "bob", b"A bounce that bob forwards stays a bounce.\n"),
+         "plus": (C, "alice+shop", b"An address extension reaches the base mailbox.\n"),
          "refused": (C, "refuse", b"This one comes back.\n"),
-         "unknown": (C, "nobody", b"Nobody lives here.\n")}
-smtp = smtplib.SMTP("127.0.0.1", local_hostname="client.example.org")
-for subject, (sender, rcpt, body) in cases.items():
-    rcpt += "" if "@" in rcpt else "@example.com"
-    head = "To: %s\nSubject: %s\nMessage-ID: <%s@e2e.example.org>\nMIME-Version: 1.0\n" \
-           "Content-Type: text/plain; charset=utf-8\nContent-Transfer-Encoding: 8bit\n\n" % (rcpt, subject, subject)
-    smtp.sendmail(sender, [rcpt], (head.encode() + body).replace(b"\n", b"\r\n"), mail_options=["BODY=8BITMIME"])
-smtp.quit()
-# Postfix holds everything it accepted; once its queue is empty nothing more can arrive.
-for _ in range(300):
-    if not subprocess.run(["postqueue", "-j"], capture_output=True).stdout or "status=deferred" in log():
-        break
-    time.sleep(0.2)
+         "unknown": (C, "nobody", b"Nobody lives here.\n"),
+         "dropped": (C, "nobody2", b"Dropped on request, no bounce.\n")}
+
+
+def send(subjects):
+    smtp = smtplib.SMTP("127.0.0.1", local_hostname="client.example.org")
+    for subject in subjects:
+        sender, rcpt, body = cases[subject]
+        rcpt += "" if "@" in rcpt else "@example.com"
+        head = "To: %s\nSubject: %s\nMessage-ID: <%s@e2e.example.org>\nMIME-Version: 1.0\nContent-Type: text/plain;" \
+               " charset=utf-8\nContent-Transfer-Encoding: 8bit\n\n" % (rcpt, subject, subject)
+        smtp.sendmail(sender, [rcpt], (head.encode() + body).replace(b"\n", b"\r\n"), mail_options=["BODY=8BITMIME"])
+    smtp.quit()
+    # Postfix holds everything it accepted; once its queue is empty nothing more can arrive.
+    for _ in range(300):
+        if not subprocess.run(["postqueue", "-j"], capture_output=True).stdout or "status=deferred" in log():
+            break
+        time.sleep(0.2)
+
+
+send([s for s in cases if s != "dropped"])
+os.makedirs("/etc/ferndrop", exist_ok=True)
+open("/etc/ferndrop/ferndrop.conf", "w").write("unknown_user drop\n")
+send(["dropped"])
 
 problems, got, boxes = [], {}, {}
 for box in ["alice", "bob", "carol", "dave", "refuse"]:
@@ -140,22 +154,24 @@ for box in ["alice", "bob", "carol", "dave", "refuse"]:
             continue
         # Postfix writes the null sender, which it hands over as <>, quoted into Return-Path; a forwarded
         # copy went through sendmail again with the envelope sender kept and carries both passes' stamps.
-        sender, _, sent = cases[head["Subject"]]
-        stamps = ["%s@example.com popuser" % b for b in ([box, "bob"] if box == "dave" else [box])]
-        if body != sent or head.get_all("X-Ferndrop-Stamp") != stamps or \
-                head["Return-Path"] != ("<%s>" % sender if sender else '<"<>">'):
+        sender, rcpt, sent = cases[head["Subject"]]
+        to = [box + "@example.com", "bob@example.com"] if box == "dave" else [rcpt.lower() + "@example.com" * (
+            "@" not in rcpt)]
+        stamps = ["%s popuser" % t for t in to]
+        if body != sent or head.get_all("X-Ferndrop-Stamp") != stamps or head["Return-Path"] != "<%s>" % sender:
             problems.append("%s in %s: want the body as sent, stamps %s, Return-Path of %r:\n%s"
                             % (head["Subject"], box, stamps, sender, raw.decode(errors="replace")))
-want = {"alice": ["eightbit", "mixedcase", "nullsender"], "bob": ["forward", "nullforward"],
-        "carol": ["Undelivered Mail Returned to Sender"], "dave": ["forward", "nullforward"]}
+want = {"alice": ["eightbit", "mixedcase", "nullsender", "plus"], "bob": ["forward", "nullforward"],
+        "carol": ["Undelivered Mail Returned to Sender"] * 2, "dave": ["forward", "nullforward"]}
 if (got := {box: sorted(subjects) for box, subjects in got.items()}) != want:
     problems.append("stored %s, want %s" % (got, want))
 bounce = b"".join(boxes["carol"])
-if b"Subject: refused" not in bounce or b"Status: 5.7.1" not in bounce:
-    problems.append("carol's bounce is not the 5.7.1 one of refused")
+if not all(b in bounce for b in [b"Subject: refused", b"Status: 5.7.1", b"Subject: unknown", b"Status: 5.1.1"]):
+    problems.append("carol's bounces are not the 5.7.1 one of refused and the 5.1.1 one of unknown")
 text = log()
-problems += ["not in the log: " + s for s in ["ferndrop: from=<>, to=alice@example.com",
-                                              "Unknown user: nobody@example.com"] if s not in text]
+problems += ["not in the log: " + s for s in [
+    "ferndrop: from=<>, to=alice@example.com", "Unknown user: nobody@example.com", "Unknown user: nobody2@example.com",
+    "msgid=<plus@e2e.example.org> envelope_to=alice+shop@example.com: saved mail to INBOX"] if s not in text]
 problems += ["Postfix deferred a delivery"] * ("status=deferred" in text)
 problems += ["spool not empty: %s" % f for f in os.listdir("/usr/local/qrn/handlers/spool")]
 if problems:
