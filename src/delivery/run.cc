@@ -3,7 +3,6 @@
 
 #include <fcntl.h>
 
-#include <cctype>
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
@@ -21,6 +20,7 @@
 #include "spool/spool.h"
 #include "state/message_id.h"
 #include "util/settings.h"
+#include "util/text.h"
 
 RunLook::~RunLook() { mh_list_free(&handlers); }
 
@@ -62,7 +62,7 @@ std::string canonicalRecipient(const char *received) {
     bool foldMailname = settingYes("fold_recipient_case");
     for (size_t i = 0; i < address.size(); i++)
         if (i >= domainStart || foldMailname)
-            address[i] = static_cast<char>(tolower(static_cast<unsigned char>(address[i])));
+            address[i] = asciiLower(address[i]);
     if (address.size() > domainStart && address.back() == '.')
         address.pop_back();
     return address;
@@ -131,9 +131,10 @@ ExitLine runDelivery(const DeliveryRequest &request, RunLook *look) {
     std::string base = mailname != nullptr ? baseMailname(mailname, extension) : "";
     MailboxFound ownFound;
     MailboxFound &found = look != nullptr ? look->mailbox : ownFound;
-    int started = open(".", O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+    // O_PATH: a directory the delivery user may pass but not list will do.
+    int started = open(".", O_PATH | O_DIRECTORY | O_CLOEXEC);
     int entered = enterMailboxDir(request.mailnamesDir, domain, mailname, &found, base.empty() ? nullptr : base.c_str());
-    int mailboxDir = entered == 0 ? open(".", O_RDONLY | O_DIRECTORY | O_CLOEXEC) : -1;
+    int mailboxDir = entered == 0 ? open(".", O_PATH | O_DIRECTORY | O_CLOEXEC) : -1;
     if (started >= 0) {
         if (fchdir(started) != 0)
             LogFunction(3, "cannot return to the starting directory: %s", strerror(errno));

@@ -6,6 +6,8 @@
 
 inline bool isCSpace(char c) { return c == ' ' || (c >= '\t' && c <= '\r'); }
 
+inline char asciiLower(char c) { return c >= 'A' && c <= 'Z' ? static_cast<char>(c - 'A' + 'a') : c; }
+
 // text without the white space at either end.
 inline std::string trimmed(std::string_view text) {
     size_t first = 0, end = text.size();
