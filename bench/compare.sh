@@ -100,8 +100,9 @@ if [ "${1:-}" = --inside ]; then
   ln -sf /usr/lib/dovecot/dovecot-lda /usr/libexec/dovecot/dovecot-lda
 
   # The registry: 1,000 rows, none of which applies to this delivery (other
-  # addresses and domains, other queues, disabled rows).
-  sqlite3 "$S/kavra/handlers/handlers.db" "BEGIN TRANSACTION;CREATE TABLE handlers (queue INTEGER, type INTEGER, enabled BOOLEAN, priority INTEGER, name VARCHAR(255) NOT NULL, address VARCHAR(2048) NOT NULL, executable VARCHAR(2048) NOT NULL, context VARCHAR(2048) NOT NULL, protected BOOLEAN NOT NULL default 0, CONSTRAINT uniq_entries_constaraint PRIMARY KEY (queue, type, name, address, executable, context));CREATE INDEX idx1 ON handlers(queue, type, enabled, address);CREATE INDEX idx2 ON handlers(queue, type, enabled, address, priority);CREATE INDEX idx3 ON handlers(name, queue, type, address);CREATE INDEX idx4 ON handlers(name, queue, type);COMMIT;
+  # addresses and domains, other queues, disabled rows), in the panel's schema
+  # with the caseless address index ferndrop-setup adds to any registry.
+  sqlite3 "$S/kavra/handlers/handlers.db" "BEGIN TRANSACTION;CREATE TABLE handlers (queue INTEGER, type INTEGER, enabled BOOLEAN, priority INTEGER, name VARCHAR(255) NOT NULL, address VARCHAR(2048) NOT NULL, executable VARCHAR(2048) NOT NULL, context VARCHAR(2048) NOT NULL, protected BOOLEAN NOT NULL default 0, CONSTRAINT uniq_entries_constaraint PRIMARY KEY (queue, type, name, address, executable, context));CREATE INDEX idx1 ON handlers(queue, type, enabled, address);CREATE INDEX idx2 ON handlers(queue, type, enabled, address, priority);CREATE INDEX idx3 ON handlers(name, queue, type, address);CREATE INDEX idx4 ON handlers(name, queue, type);CREATE INDEX idx_address_nocase ON handlers(queue, type, enabled, address COLLATE NOCASE, priority);COMMIT;
 BEGIN;
 WITH RECURSIVE n(i) AS (SELECT 0 UNION ALL SELECT i + 1 FROM n WHERE i < 999)
 INSERT INTO handlers
