@@ -249,6 +249,17 @@ def retry_skips_served_lines(w):
     check(w.record() is None and len(w.calls()) == 1 and len(new(w)) == 1 and w.read("mbox") == MSG + "\n", "retry")
 
 
+def pid_namespaces_keep_every_copy(w):
+    """Runs in separate pid namespaces share pids: 24 at once into one maildir each keep their copy."""
+    w.write(".qmail", "./Maildir/\n")
+    runs = [subprocess.Popen(["unshare", "-p", "-f", BIN, "-f", S, "-d", R, "-p", w.mailnames], stdin=subprocess.PIPE)
+            for _ in range(24)]
+    for i, p in enumerate(runs):
+        p.stdin.write(MSG.replace("hi", str(i)).encode()), p.stdin.close()
+    check([p.wait(30) for p in runs] == [0] * 24 and len(set(new(w))) == 24, f"{len(set(new(w)))} copies kept")
+    check(all(re.search(r",S=\d+$", f) for f in w.files("Maildir/new")), "no size in the names")
+
+
 def locked_registry_is_waited_for(w):
     w.handler(1, R, STAMP)
     w.write(".qmail", "|cat > out\n")
@@ -357,7 +368,7 @@ def maildir_new_synced(w):
     check(len(new(w)) == 1, "copies after the retry")
 
 
-CASES.update(retry_skips_served_lines=retry_skips_served_lines, setup_layout=setup_layout, locked_registry=locked_registry_is_waited_for,
+CASES.update(retry_skips_served_lines=retry_skips_served_lines, pid_namespaces=pid_namespaces_keep_every_copy, setup_layout=setup_layout, locked_registry=locked_registry_is_waited_for,
              sigpipe_on_stderr=sigpipe_on_stderr, state_database_bounded=state_database_bounded, explain=explain)
 # Under strace: the release build only (the sanitizer runtime makes system calls of its own).
 TRACED = {"fork_fails": fork_fails, "maildir_new_synced": maildir_new_synced,
