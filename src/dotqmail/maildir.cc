@@ -110,6 +110,10 @@ int deliverMaildir(const char *messagePath, const char *maildir) {
     char newPath[kPathSize];
     timeval tv{};
     int fd = -1;
+    // No wider than the folder it lands in: a private `new` keeps its mail private.
+    char newDir[kPathSize];
+    struct stat dir;
+    mode_t mode = maildirPath(newDir, maildir, "new", "") && stat(newDir, &dir) == 0 ? dir.st_mode & 0666 : 0600;
     for (int draw = 0; fd < 0; draw++) {
         gettimeofday(&tv, nullptr);
         snprintf(name, sizeof name, "%lld.M%06ldP%ldR%016llx.%s", static_cast<long long>(tv.tv_sec),
@@ -118,7 +122,7 @@ int deliverMaildir(const char *messagePath, const char *maildir) {
             LogFunction(3, "Maildir path too long: %s", maildir);
             return -1;
         }
-        fd = open(tmpPath, O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0644);
+        fd = open(tmpPath, O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, mode);
         if (fd < 0 && (errno != EEXIST || draw == kMaxNameDraws)) {
             LogFunction(3, "System error %s: %s\n", tmpPath, strerror(errno));
             return -1;

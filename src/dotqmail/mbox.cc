@@ -13,6 +13,7 @@
 #include <cstdio>
 #include <cstring>
 #include <fcntl.h>
+#include <string>
 #include <sys/file.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -29,6 +30,16 @@ int openFailure(const char *mboxPath, const char *reason) {
     return -1;
 }
 
+// A new mbox is no wider than its directory's read and write bits, so a
+// private home keeps its mail private whatever the umask.
+mode_t newFileMode(const char *path) {
+    std::string dir(path);
+    size_t slash = dir.rfind('/');
+    dir = slash == std::string::npos ? "." : slash == 0 ? "/" : dir.substr(0, slash);
+    struct stat st;
+    return stat(dir.c_str(), &st) == 0 ? st.st_mode & 0666 : 0600;
+}
+
 // Cuts the mbox back while the lock is still held.
 void rollback(int mbox, off_t length) {
     if (ftruncate(mbox, length) != 0)
@@ -43,7 +54,8 @@ int deliverMbox(const char *messagePath, const char *mboxPath) {
     // without its driver) fails with ENXIO, which only a file that is not a
     // regular one can give. O_NONBLOCK means nothing to a regular file, the
     // only kind accepted.
-    int mbox = open(mboxPath, O_WRONLY | O_APPEND | O_CREAT | O_NONBLOCK | O_NOCTTY | O_CLOEXEC, 0666);
+    int mbox = open(mboxPath, O_WRONLY | O_APPEND | O_CREAT | O_NONBLOCK | O_NOCTTY | O_CLOEXEC,
+                    newFileMode(mboxPath));
     struct stat opened;
     if (mbox >= 0 && (fstat(mbox, &opened) != 0 || !S_ISREG(opened.st_mode))) {
         close(mbox);

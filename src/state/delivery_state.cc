@@ -179,6 +179,8 @@ void create(const std::string &databasePath) {
         release(c.hdb, finished);
         return;
     }
+    // Served lines name the mailbox's forwards and programs: owner only.
+    chmod(building.c_str(), 0600);
     // The close writes the header's final counts; a failed one may leave it torn.
     if (!c.done)
         LogFunction(3, "init: cannot open delivery database %s: %s", databasePath.c_str(),

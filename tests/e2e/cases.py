@@ -52,6 +52,8 @@ def deliver_all(w, r):
     check(argv == want, f"sendmail argv {argv}")
     check(w.read("out") == MSG and new(w) == [MSG] and w.read("mbox") == MSG + "\n", "stores")
     check(w.read(w.dir + "/abs.mbox") == MSG + "\n" and w.record() is None and os.path.exists(STATE), "abs/state")
+    modes = [os.stat(f).st_mode & 0o777 for f in w.files("Maildir/new") + [w.path("mbox"), STATE]]
+    check(modes == [0o600, 0o640, 0o600], f"modes {modes}")
 
 
 def forward_env(w, r):
@@ -116,7 +118,8 @@ CASES = {
                                          setup=lambda w: os.symlink("alice", w.path("../bob"))),
     # .qmail lines
     "all_line_kinds": row(0, qmail="# note\n\n  \t \n&  spaced@example.net\nplain@example.net   # note\ndir/\n"
-                             "|   cat > out   \n./Maildir/\n./mbox\n{d}/abs.mbox", then=deliver_all),
+                             "|   cat > out   \n./Maildir/\n./mbox\n{d}/abs.mbox", then=deliver_all,
+                          setup=lambda w: (os.chmod(w.path("Maildir/new"), 0o700), os.chmod(w.box, 0o750))),
     "forward_environment": row(0, env=[("QX_SENDER_EMAIL", "preset")], then=forward_env,
                                pre=["sh", "-c", 'exec 7>&2 "$@"', "-"],  # a descriptor the transfer agent left open
                                qmail='|echo "[${QX_SENDER_EMAIL-unset}]" > before\n&\n'
