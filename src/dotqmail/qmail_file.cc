@@ -74,7 +74,7 @@ int carryOut(const QmailLine &line, const char *messagePath, const char *sender,
     case MaildirLine:
         return deliverMaildir(messagePath, line.value.c_str()) == 0 ? 0 : DR_TEMPORARY;
     case MboxLine:
-        return deliverMbox(messagePath, line.value.c_str()) == 0 ? 0 : DR_TEMPORARY;
+        return deliverMbox(messagePath, line.value.c_str(), sender) == 0 ? 0 : DR_TEMPORARY;
     case EmptyLine:
         break;
     }

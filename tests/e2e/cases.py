@@ -1,7 +1,7 @@
 """The delivery as the transfer agent sees it: one row per case (fixture, command line, input) with the exit status,
 status line, log lines and stores it must leave. Cases that need more than one run follow the table."""
 import fcntl, json, os, re, resource, sqlite3, subprocess, sys, time
-from harness import BIN, MSG, KEY, R, S, SPOOL, STATE, REGISTRY, check, expect, main
+from harness import BIN, MSG, KEY, R, S, SPOOL, STATE, REGISTRY, check, expect, in_mbox, main
 from sweeps import JOB, job
 
 P = "{p}"  # the mailnames directory, in args
@@ -50,8 +50,8 @@ def deliver_all(w, r):
     argv = [c["argv"] for c in w.calls()]
     want = [f"-i\n-bm\n-f\n{S}\n{d}\n" for d in ("  spaced@example.net", "plain@example.net", "dir/")]
     check(argv == want, f"sendmail argv {argv}")
-    check(w.read("out") == MSG and new(w) == [MSG] and w.read("mbox") == MSG + "\n", "stores")
-    check(w.read(w.dir + "/abs.mbox") == MSG + "\n" and w.record() is None and os.path.exists(STATE), "abs/state")
+    check(w.read("out") == MSG and new(w) == [MSG] and in_mbox(w.read("mbox"), MSG), "stores")
+    check(in_mbox(w.read(w.dir + "/abs.mbox"), MSG) and w.record() is None and os.path.exists(STATE), "abs/state")
     modes = [os.stat(f).st_mode & 0o777 for f in w.files("Maildir/new") + [w.path("mbox"), STATE]]
     check(modes == [0o600, 0o640, 0o600], f"modes {modes}")
 
@@ -146,7 +146,8 @@ CASES = {
     "maildir_without_tmp": row(75, qmail="./Maildir/\n", rm=["Maildir/tmp"]),
     "hostile_bytes_kept": row(0, msg=HOSTILE, qmail="./Maildir/\n./mbox\n",
                               then=lambda w, r: check([open(f, "rb").read() for f in w.files("Maildir/new") + [
-                                  w.path("mbox")]] == [HOSTILE, HOSTILE + b"\n"], "bytes changed")),
+                                  w.path("mbox")]][0] == HOSTILE and re.fullmatch(rb"From sender@example.org [^\n]{24}\n" + re.escape(HOSTILE) +
+                                  b"\n\n", open(w.path("mbox"), "rb").read()), "bytes changed")),
     "torn_state_database": row(0, f"3 init: cannot open delivery database {STATE}: invalid meta data",
                                files=[(STATE, "HDB\x00garbage" * 100)], qmail="./Maildir/\n",
                                then=lambda w, r: check(len(new(w)) == 1, "not delivered")),
@@ -161,6 +162,10 @@ CASES = {
                                 then=lambda w, r: check([c["fds"] for c in w.calls()] == ["0 1 2 "], "descriptors")),
     "qmail_fifo": row(75, "3 File .qmail is not a regular file\n", "3 Wrong permissions for .qmail",
                       setup=lambda w: os.mkfifo(w.path(".qmail"), 0o644), then=lambda w, r: check(not w.calls(LDA), "")),
+    "mbox_lock_limit": row(75, "3 Timed out after 2s waiting for the fcntl lock of mailbox ./mbox", qmail="./mbox\n",
+                           files=[("/etc/ferndrop/ferndrop.conf", "mbox_lock_timeout 2\n")],
+                           setup=lambda w: fcntl.lockf(setattr(w, "lock", open(w.path("mbox"), "a")) or w.lock,
+                                                       fcntl.LOCK_EX), then=lambda w, r: check(not w.read("mbox"), "")),
     "mbox_fifo": row(75, "3 Unable to open ./mbox: not a regular file. (#4.2.1)\n", qmail="./mbox\n",
                      setup=lambda w: os.mkfifo(w.path("mbox"), 0o644)),
     "mailnames_missing": row(75, "3 cannot chdir to mailnames dir /none: No such file or directory", then=known,
@@ -249,7 +254,7 @@ def retry_skips_served_lines(w):
     check(w.record() == "&bob@example.net\n./Maildir/\n" and len(w.calls()) == 1 and len(new(w)) == 1, "first")
     w.write("go", "")
     expect(w.run(), 0)
-    check(w.record() is None and len(w.calls()) == 1 and len(new(w)) == 1 and w.read("mbox") == MSG + "\n", "retry")
+    check(w.record() is None and len(w.calls()) == 1 and len(new(w)) == 1 and in_mbox(w.read("mbox"), MSG), "retry")
 
 
 def pid_namespaces_keep_every_copy(w):
@@ -261,6 +266,26 @@ def pid_namespaces_keep_every_copy(w):
         p.stdin.write(MSG.replace("hi", str(i)).encode()), p.stdin.close()
     check([p.wait(30) for p in runs] == [0] * 24 and len(set(new(w))) == 24, f"{len(set(new(w)))} copies kept")
     check(all(re.search(r",S=\d+$", f) for f in w.files("Maildir/new")), "no size in the names")
+
+
+def mbox_shared_with_readers(w):
+    """A reader holding dot-lock and fcntl rewrites the mbox meanwhile; the new message, whose body line "From "
+    is quoted, lands after it, and a standard parser counts both messages."""
+    import mailbox
+    w.write(".qmail", "./mbox\n")
+    w.write("mbox", "From x@y Mon Jan  1 00:00:00 2024\nSubject: old\n\nold\n\n")
+    os.link(w.path("mbox"), w.path("mbox.lock"))
+    with open(w.path("mbox"), "r+") as f:
+        fcntl.lockf(f, fcntl.LOCK_EX)
+        old = f.read().replace("Subject: old", "Status: RO\nSubject: old")
+        p = subprocess.Popen([BIN, "-f", S, "-d", R, "-p", w.mailnames], stdin=subprocess.PIPE)
+        p.stdin.write((MSG + "From me, sent\n>From quoted\n").encode()), p.stdin.close()
+        time.sleep(1)
+        f.seek(0), f.truncate(), f.write(old), f.flush()
+        os.unlink(w.path("mbox.lock"))
+    check(p.wait(20) == 0 and len(mailbox.mbox(w.path("mbox"))) == 2, "lost or not an mbox")
+    check(w.read("mbox").startswith(old) and in_mbox(w.read("mbox")[len(old):], MSG + "From me, sent\n>From quoted\n")
+          and ">From me, sent\n>>From quoted\n" in w.read("mbox"), "not quoted")
 
 
 def locked_registry_is_waited_for(w):
@@ -297,7 +322,7 @@ def sigpipe_on_stderr(w):
     expect(w.run(preexec=reader_gone), 75)
     os.mkdir(w.path("missing"))
     expect(w.run(), 0)
-    check(len(w.calls()) == 1 and w.read("missing/mbox") == MSG + "\n", "forwarded again")
+    check(len(w.calls()) == 1 and in_mbox(w.read("missing/mbox"), MSG), "forwarded again")
 
 
 def state_database_bounded(w):
@@ -371,7 +396,8 @@ def maildir_new_synced(w):
     check(len(new(w)) == 1, "copies after the retry")
 
 
-CASES.update(retry_skips_served_lines=retry_skips_served_lines, pid_namespaces=pid_namespaces_keep_every_copy, setup_layout=setup_layout, locked_registry=locked_registry_is_waited_for,
+CASES.update(retry_skips_served_lines=retry_skips_served_lines, pid_namespaces=pid_namespaces_keep_every_copy,
+             mbox_shared=mbox_shared_with_readers, setup_layout=setup_layout, locked_registry=locked_registry_is_waited_for,
              sigpipe_on_stderr=sigpipe_on_stderr, state_database_bounded=state_database_bounded, explain=explain)
 # Under strace: the release build only (the sanitizer runtime makes system calls of its own).
 TRACED = {"fork_fails": fork_fails, "maildir_new_synced": maildir_new_synced,

@@ -163,6 +163,16 @@ class World:
         return p.stdout if p.returncode == 0 else None
 
 
+# An mboxrd separator line ("From " envelope date), and one message as mboxrd stores it.
+SEP = r"From \S+ \w{3} \w{3} [ \d]\d \d\d:\d\d:\d\d \d{4}\n"
+stored = lambda m: SEP + re.escape(re.sub(r"(?m)^(>*From )", r">\1", m) + "\n" * (2 - m.endswith("\n")))
+
+
+def in_mbox(text, *msgs):
+    """Whether the mbox text holds exactly these messages, in this order."""
+    return re.fullmatch("".join(map(stored, msgs)), text) is not None
+
+
 def check(cond, what, result=None):
     if not cond:
         raise AssertionError(f"{what}\n{result!r}" if result is not None else what)
