@@ -108,6 +108,8 @@ void occupyStandardDescriptors() {
 }  // namespace
 
 int main(int argc, char **argv) {
+    // Before anything else: the parent may die while the message comes in.
+    const int parentAtStart = static_cast<int>(getppid());
     occupyStandardDescriptors();
     // A write beyond the file size limit must fail with EFBIG, so that the
     // mbox rollback and the spool clean-up run, rather than kill the process
@@ -139,6 +141,10 @@ int main(int argc, char **argv) {
     }
 
     char *spoolPath = spool_save_stdin();
+    if (spoolPath != nullptr && inputCut(parentAtStart)) {
+        unlink(spoolPath);
+        spoolPath = nullptr;
+    }
     if (spoolPath == nullptr) {
         LogFunction(19, "Unable to read message from stdin");
         exitWith(kExitUnreadableInput);

@@ -3,6 +3,7 @@
 #include "spool/spool.h"
 
 #include <cerrno>
+#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <unistd.h>
@@ -35,6 +36,27 @@ char *spool_save_fd(const char *spoolDir, int inFd) {
     unlink(path);
     free(path);
     return nullptr;
+}
+
+bool inputCut(int parentAtStart) {
+    int parent = static_cast<int>(getppid());
+    bool cut = parent != parentAtStart;
+    // A dying process closes its descriptors before its children are
+    // re-parented, so the end of input can come first: its flags say it is
+    // exiting (PF_EXITING, the ninth field of its stat line).
+    char path[32];
+    snprintf(path, sizeof path, "/proc/%d/stat", parent);
+    if (FILE *stat = cut ? nullptr : fopen(path, "re")) {
+        char line[1024];
+        unsigned long flags = 0;
+        const char *end = fgets(line, sizeof line, stat) ? strrchr(line, ')') : nullptr;
+        if (end != nullptr && sscanf(end + 1, " %*c %*d %*d %*d %*d %*d %lu", &flags) == 1)
+            cut = (flags & 0x4) != 0;
+        fclose(stat);
+    }
+    if (cut)
+        LogFunction(19, "Message input cut: the process that started ferndrop died before its end");
+    return cut;
 }
 
 char *spool_save_stdin() {

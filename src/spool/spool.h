@@ -7,6 +7,11 @@
 // spool directory, synced and closed. Returns its path (caller owns it) or null.
 char *spool_save_stdin();
 
+// Whether the input just read ended because the process that started this
+// one died (it has gone, or is on its way out): then the end of the message
+// is no end at all. Logs when so.
+bool inputCut(int parentAtStart);
+
 // Same for any descriptor into any directory (the spool step, made testable).
 char *spool_save_fd(const char *spoolDir, int fd);
 

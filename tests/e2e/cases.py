@@ -12,6 +12,11 @@ STRACE = ["strace", "-o", "/dev/null", "-e"]
 FSIZE = lambda: resource.setrlimit(resource.RLIMIT_FSIZE, (1 << 20, resource.RLIM_INFINITY))
 USAGE = '5 ferndrop usage: ferndrop -f <sender> -d <recipient> -p <mailnames dir>'
 HOSTILE = b"Subject: \x00\xff\r\n\r\n\x00no final newline"
+# The transfer agent's process dies mid-message; a subreaper above it reports ferndrop's own exit.
+CUT = ("import ctypes, fcntl, os, sys, termios, time\nctypes.CDLL(None).prctl(36, 1)\nif os.fork() == 0:\n r, w = os.pipe()\n"
+       " if os.fork() == 0:\n  os.dup2(r, 0), os.close(w), os.execv(sys.argv[1], sys.argv[1:])\n"
+       " os.write(w, sys.stdin.buffer.read()[:60])\n while fcntl.ioctl(w, termios.FIONREAD, b'    ') != b'\\0' * 4:"
+       " time.sleep(0.01)\n os.kill(os.getpid(), 9)\nos.wait()\nsys.exit(os.waitstatus_to_exitcode(os.wait()[1]))")
 STAMP = 'echo "X-$(basename $0): 1"; cat'  # a handler passing the message on under a header of its own
 
 
@@ -156,6 +161,8 @@ CASES = {
                                 files=[("mbox", "o" * 1040000)], msg="S: x\n\n" + "b" * 20000, preexec=FSIZE,
                                 then=lambda w, r: check(os.path.getsize(w.path("mbox")) == 1040000, "no rollback")),
     "file_size_limit_spool": row(75, "3 Unable to read message from stdin", msg="b" * 1100000, preexec=FSIZE, out=READ),
+    "stdin_cut": row(75, "3 Message input cut: the process that started ferndrop died before its end", out=READ,
+                     pre=["python3", "-c", CUT], qmail="./Maildir/\n", then=lambda w, r: check(not new(w), "stored")),
     "stdin_closed": row(75, "3 Unable to read message from stdin", preexec=lambda: os.close(0), out=READ),
     "stdout_stderr_closed": row(75, qmail="&bob@example.net\n./missing/mbox\n", out="",
                                 preexec=lambda: (os.close(1), os.close(2)),
