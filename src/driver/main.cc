@@ -140,7 +140,8 @@ int main(int argc, char **argv) {
         exitWith(kExitResourcesLimited);
     }
 
-    char *spoolPath = spool_save_stdin();
+    char digest[33] = "";
+    char *spoolPath = spool_save_stdin(digest);
     if (spoolPath != nullptr && inputCut(parentAtStart)) {
         unlink(spoolPath);
         spoolPath = nullptr;
@@ -149,6 +150,9 @@ int main(int argc, char **argv) {
         LogFunction(19, "Unable to read message from stdin");
         exitWith(kExitUnreadableInput);
     }
+    // The delivery state keys on it; children may too (duplicate checks).
+    setMessageDigest(digest);
+    setenv("FERNDROP_MESSAGE_DIGEST", digest, 1);
 
     char empty[] = "";
     char *addresses[] = {empty, empty, const_cast<char *>(cmd.sender), const_cast<char *>(cmd.recipient), nullptr};

@@ -6,13 +6,39 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <fcntl.h>
 #include <unistd.h>
 
 #include "driver/log.h"
 #include "paths.h"
 #include "util/error.h"
 
-char *spool_save_fd(const char *spoolDir, int inFd) {
+namespace {
+
+void digestText(XXH3_state_t *hash, char *digest) {
+    XXH128_hash_t h = XXH3_128bits_digest(hash);
+    snprintf(digest, 33, "%016llx%016llx", static_cast<unsigned long long>(h.high64),
+             static_cast<unsigned long long>(h.low64));
+}
+
+}  // namespace
+
+bool files_digest(const char *path, char *digest) {
+    int fd = open(path, O_RDONLY | O_CLOEXEC);
+    int sink = open("/dev/null", O_WRONLY | O_CLOEXEC);
+    XXH3_state_t hash;
+    XXH3_128bits_reset(&hash);
+    bool ok = fd >= 0 && sink >= 0 && copyBytes(fd, sink, nullptr, &hash);
+    if (ok)
+        digestText(&hash, digest);
+    if (fd >= 0)
+        close(fd);
+    if (sink >= 0)
+        close(sink);
+    return ok;
+}
+
+char *spool_save_fd(const char *spoolDir, int inFd, char *digest) {
     char *path = util_asprintf("%s/messageXXXXXX", spoolDir);
     int fd = mkstemp(path);
     if (fd < 0) {
@@ -20,7 +46,10 @@ char *spool_save_fd(const char *spoolDir, int inFd) {
         free(path);
         return nullptr;
     }
-    if (!files_copy_fd(inFd, fd)) {
+    // In the copy's own pass: a second read of 10 MB would cost more than the hash.
+    XXH3_state_t hash;
+    XXH3_128bits_reset(&hash);
+    if (!files_copy_fd(inFd, fd, &hash)) {
         LogFunction(3, "cannot save message from stdin to temporary file");
     } else if (fsync(fd) != 0) {
         LogFunction(3, "cannot fsync temporary file - (%d) %s", errno, strerror(errno));
@@ -30,6 +59,8 @@ char *spool_save_fd(const char *spoolDir, int inFd) {
         free(path);
         return nullptr;
     } else {
+        if (digest != nullptr)
+            digestText(&hash, digest);
         return path;
     }
     close(fd);
@@ -59,6 +90,6 @@ bool inputCut(int parentAtStart) {
     return cut;
 }
 
-char *spool_save_stdin() {
-    return spool_save_fd(FERNDROP_SPOOL_DIR, STDIN_FILENO);
+char *spool_save_stdin(char *digest) {
+    return spool_save_fd(FERNDROP_SPOOL_DIR, STDIN_FILENO, digest);
 }

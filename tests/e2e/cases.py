@@ -64,7 +64,9 @@ def deliver_all(w, r):
 def forward_env(w, r):
     [c] = w.calls()
     check(c["argv"] == f"-i\n-bm\n-f\n{S}\n-t\n" and c["stdin"] == MSG and c["fds"] == "0 1 2 ", f"call {c}")
-    check(f"QX_SENDER_EMAIL={R}\n" in c["env"] and f"DELIVERED_TO={R}\n" in c["env"], c["env"])
+    digest = subprocess.run(["xxhsum", "-H2", "-"], input=MSG.encode(), capture_output=True).stdout.split()[0].decode()
+    check(f"QX_SENDER_EMAIL={R}\n" in c["env"] and f"DELIVERED_TO={R}\n" in c["env"] and
+          f"FERNDROP_MESSAGE_DIGEST={digest}\n" in c["env"], c["env"])
     check(w.read("before") == "[preset]\n" and w.read("after") == "[unset]\n", "QX_SENDER_EMAIL around the forward")
 
 
@@ -133,9 +135,8 @@ CASES = {
                           "3 Unable to send mail for: bob@example.net\n", setup=lambda w: w.recorder(
                               "/usr/sbin/sendmail", 75), qmail="./mbox\n&bob@example.net\n./Maildir/\n",
                           then=lambda w, r: check(w.record() == "./mbox\n" and not new(w), "record")),
-    "no_message_id": row(0, "4 deliveryManager: Get empty message id, delivery state will be disabled for this mail",
-                         msg="Subject: x\n\nbody\n", qmail="./Maildir/\n./Maildir/\n",
-                         then=lambda w, r: check(len(new(w)) == 2 and not os.path.exists(STATE), "no key")),
+    "no_message_id": row(0, msg="Subject: x\n\nbody\n", qmail="./Maildir/\n./Maildir/\n",
+                         then=lambda w, r: check(len(new(w)) == 1 and os.path.exists(STATE), "no key")),
     "qmail_group_writable": row(75, "3 File .qmail is writable for group or others\n", "3 Wrong permissions for .qmail",
                                 qmail="./Maildir/\n", qmode=0o664),
     "qmail_x_bit": row(75, qmail="&bob@example.net\n./Maildir/\n", qmode=0o744,
@@ -295,6 +296,16 @@ def mbox_shared_with_readers(w):
           and ">From me, sent\n>>From quoted\n" in w.read("mbox"), "not quoted")
 
 
+def record_per_message(w):
+    """Two messages whose Message-IDs differ only in case, each deferred once: each is stored once."""
+    w.write(".qmail", "./Maildir/\n|test -e go || exit 75\n")
+    a, b = MSG, MSG.replace("Job.1@Example.ORG", "JOB.1@example.org").replace("body", "other")
+    expect(w.run(msg=a), 75), expect(w.run(msg=b), 75)
+    w.write("go", "")
+    expect(w.run(msg=b), 0), expect(w.run(msg=a), 0)
+    check(sorted(new(w)) == sorted([a, b]), f"stored {new(w)}")
+
+
 def locked_registry_is_waited_for(w):
     w.handler(1, R, STAMP)
     w.write(".qmail", "|cat > out\n")
@@ -404,7 +415,7 @@ def maildir_new_synced(w):
 
 
 CASES.update(retry_skips_served_lines=retry_skips_served_lines, pid_namespaces=pid_namespaces_keep_every_copy,
-             mbox_shared=mbox_shared_with_readers, setup_layout=setup_layout, locked_registry=locked_registry_is_waited_for,
+             mbox_shared=mbox_shared_with_readers, record_per_message=record_per_message, setup_layout=setup_layout, locked_registry=locked_registry_is_waited_for,
              sigpipe_on_stderr=sigpipe_on_stderr, state_database_bounded=state_database_bounded, explain=explain)
 # Under strace: the release build only (the sanitizer runtime makes system calls of its own).
 TRACED = {"fork_fails": fork_fails, "maildir_new_synced": maildir_new_synced,
