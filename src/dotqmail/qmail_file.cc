@@ -121,6 +121,10 @@ int processOpenFile(FILE *file, const char *fileName, bool executable, const cha
         manager.complete();
         result = DR_DELIVERED;
     }
+    // The transfer agent bounces these and never retries: the record would
+    // only wait to expire.
+    if (result == DR_PERMANENT || result == DR_OVER_QUOTA)
+        manager.complete();
     return result;
 }
 

@@ -1,12 +1,19 @@
 // The delivery state: which instruction lines of one delivery were already
 // served, kept across the transfer agent's retries in a Tokyo Cabinet hash
-// database under the delivery's key (Message-ID, sender, recipient).
+// database under the delivery's key (Message-ID, sender, recipient, digest).
+// A record's value is the time it was first saved (decimal seconds), then
+// the lines, each piece ended by the next line feed.
 #pragma once
 #include <memory>
 #include <set>
+#include <ctime>
 #include <string>
 
 #include "paths.h"
+
+// Splits a stored value into its lines; returns the time it was first saved
+// (0 when the value carries none).
+time_t splitDeliveryRecord(const std::string &value, std::set<std::string> &lines);
 
 // The record of one delivery and its database operations. Each operation
 // opens the database, makes one call and closes it again.
@@ -23,9 +30,11 @@ class DeliveryState {
 
   private:
     void init();
+    void forgetIfOutlived();
 
     std::set<std::string> lines;
     bool loaded;
+    time_t savedAt = 0;  // when the loaded record was first saved
     std::string key;
     std::string databasePath;
 };

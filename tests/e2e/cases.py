@@ -192,9 +192,9 @@ CASES = {
     "forward_option_refused": row(75, "3 Unable to forward original message: destination -oQ/tmp/x starts with '-'",
                                   qmail="&-oQ/tmp/x\n", then=lambda w, r: check(not w.calls(), "sendmail ran")),
     # The summary line, one per outcome
-    "summary_bounced": row(71, qmail="./mbox\n|exit 100\n", h=[(4, "all", "echo SKIP >&2")], then=summary(
+    "summary_bounced": row(71, qmail="./mbox\n|exit 100\n", h=[(4, "all", "echo SKIP >&2")], then=lambda w, r: summary(
         f"to={R} from={S} message_id=<Job.1@Example.ORG> outcome=bounced status=71 code=5.7.1 handlers=h1:SKIP",
-        "qmail=1:mbox:served,2:program:failed")),
+        "qmail=1:mbox:served,2:program:failed")(w, r) or check(w.record() is None, "record of a bounce kept")),
     "summary_discarded": row(0, h=[(4, "all", "echo STOP >&2")], then=summary(
         f"to={R} from={S} message_id=<Job.1@Example.ORG> outcome=discarded status=0 code=2.0.0 handlers=h1:STOP")),
     "summary_unknown_user": row(0, rcpt="bob@example.com", then=summary(
@@ -306,6 +306,25 @@ def record_per_message(w):
     check(sorted(new(w)) == sorted([a, b]), f"stored {new(w)}")
 
 
+def records_expire(w):
+    """A record 11 days old is ignored and removed; the save of the deferred run sweeps an expired record and one
+    from before the digest."""
+    digest = subprocess.run(["xxhsum", "-H2", "-"], input=MSG.encode(), capture_output=True).stdout.split()[0].decode()
+    subprocess.run(["tchmgr", "create", STATE], check=True)
+    old = int(time.time()) - 11 * 86400
+    for key, value in [(f"{KEY} {digest}", f"{old}\n./Maildir/"), (f"<x@y> a b {'0' * 32}", f"{old}\nx"),
+                       ("<x@y> a b", "x"), (f"<z@y> a b {'1' * 32}", f"{old + 86400 * 2}\nkept")]:
+        subprocess.run(["tchmgr", "put", STATE, key, value], check=True)
+    w.write(".qmail", "./Maildir/\n|test -e go || exit 75\n")
+    expect(w.run(), 75, f"6 init: delivery record `{KEY} {digest}' is older than 864000 seconds; removed")
+    keys = set(subprocess.run(["tchmgr", "list", STATE], capture_output=True, text=True).stdout.split("\n"))
+    check(len(new(w)) == 1 and keys - {"", "sweep-cursor"} == {f"{KEY} {digest}", f"<z@y> a b {'1' * 32}"}
+          and w.record() == "./Maildir/\n", f"not swept: {keys}")
+    w.write("go", "")
+    expect(w.run(), 0)
+    check(len(new(w)) == 1 and w.record() is None, "served again")
+
+
 def locked_registry_is_waited_for(w):
     w.handler(1, R, STAMP)
     w.write(".qmail", "|cat > out\n")
@@ -415,7 +434,8 @@ def maildir_new_synced(w):
 
 
 CASES.update(retry_skips_served_lines=retry_skips_served_lines, pid_namespaces=pid_namespaces_keep_every_copy,
-             mbox_shared=mbox_shared_with_readers, record_per_message=record_per_message, setup_layout=setup_layout, locked_registry=locked_registry_is_waited_for,
+             mbox_shared=mbox_shared_with_readers, record_per_message=record_per_message,
+             records_expire=records_expire, setup_layout=setup_layout, locked_registry=locked_registry_is_waited_for,
              sigpipe_on_stderr=sigpipe_on_stderr, state_database_bounded=state_database_bounded, explain=explain)
 # Under strace: the release build only (the sanitizer runtime makes system calls of its own).
 TRACED = {"fork_fails": fork_fails, "maildir_new_synced": maildir_new_synced,

@@ -161,7 +161,7 @@ class World:
         """The delivery-state record of the message (its key before the digest), without its saved time, or None."""
         keys = subprocess.run(["tchmgr", "list", "-fm", key + " ", STATE], capture_output=True, text=True).stdout.split("\n")
         p = subprocess.run(["tchmgr", "get", STATE, keys[0]], capture_output=True, text=True)
-        return p.stdout if p.returncode == 0 and keys[0] else None
+        return p.stdout.split("\n", 1)[1] if p.returncode == 0 and keys[0] else None
 
 
 # An mboxrd separator line ("From " envelope date), and one message as mboxrd stores it.
