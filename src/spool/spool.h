@@ -35,6 +35,9 @@ struct CopyFailure {
 // read(2) and write(2), short writes continued and interrupted calls retried,
 // so nothing of it stays buffered in the process. true, or false with errno
 // set and *failure (when given) saying where it stopped. Logs nothing.
+// Feeds the hash through its AVX2 build; false where the processor lacks it.
+bool digestUpdateAvx2(void *hash, const void *bytes, size_t length);
+
 // With hash, every byte read is also fed to it.
 bool copyBytes(int in, int out, CopyFailure *failure = nullptr, XXH3_state_t *hash = nullptr);
 // All of buf to fd the same way.
