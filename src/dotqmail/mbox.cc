@@ -13,9 +13,10 @@
 // held from before the length is recorded until the file is closed); a failed
 // delivery leaves the file at exactly its length from before the attempt, and
 // nothing of the failed copy can reach it afterwards, because every byte goes
-// out through copyBytes, which buffers nothing in the process; the
-// message is copied byte for byte, NUL bytes and a missing final newline
-// included. Only a regular file is appended to: anything else at the path
+// out through writeBytes (directly, or through copyBytes in raw form) before
+// the next is read, so nothing waits in the process; the message's bytes,
+// NUL bytes included, are kept, but for the quoting ">" of mboxrd and the
+// line feed it adds after a last line without one. Only a regular file is appended to: anything else at the path
 // (a FIFO, a device) fails the line at once instead of blocking it.
 #include <cerrno>
 #include <cstdio>
