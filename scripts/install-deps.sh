@@ -10,6 +10,7 @@ packages=(
   libsqlite3-dev sqlite3
   libtokyocabinet-dev tokyocabinet-bin
   libboost-dev
+  libxxhash-dev xxhash
   googletest libgtest-dev
   util-linux mount strace procps
   dovecot-core dovecot-imapd

@@ -111,14 +111,25 @@ ExitLine runDelivery(const DeliveryRequest &request, RunLook *look) {
     }
 
     reached(look, "spool");
-    std::unique_ptr<char, decltype(&free)> spooled(look == nullptr ? spool_save_stdin() : nullptr, &free);
+    char digest[33] = "";
+    std::unique_ptr<char, decltype(&free)> spooled(look == nullptr ? spool_save_stdin(digest) : nullptr, &free);
+    // The end of a message whose writer died is no end: the torso is not it.
+    if (spooled != nullptr && inputCut(request.parentAtStart)) {
+        unlink(spooled.get());
+        spooled.reset();
+    }
     if (look == nullptr ? spooled == nullptr : spool_look() != 0) {
         LogFunction(19, "Unable to read message from stdin");
         return kExitUnreadableInput;
     }
     const char *spoolPath = look == nullptr ? spooled.get() : request.messageFile;
-    if (look != nullptr)
+    if (look != nullptr) {
         look->spoolUsable = true;
+    } else {
+        // The delivery state keys on it; children may too (duplicate checks).
+        setMessageDigest(digest);
+        setenv("FERNDROP_MESSAGE_DIGEST", digest, 1);
+    }
 
     // The mailbox is looked up before the handlers run, since the filters of
     // a base mailbox apply to its extended addresses; what the lookup found

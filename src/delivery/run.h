@@ -26,6 +26,7 @@ struct DeliveryRequest {
     const char *recipient;
     const char *mailnamesDir;
     const char *messageFile;  // a look's message; null: none (nothing counts as served)
+    int parentAtStart;        // the process that started ferndrop, as it was at the start
 };
 
 struct RunLook {

@@ -11,30 +11,75 @@
 // sync of `new` fails, the file is renamed back into `tmp`, so that the retry
 // stores the one copy. A path too long for the name buffers is refused rather
 // than cut, since a cut path would store the message somewhere nobody looks.
+// Names: the temporary one is seconds, microseconds, pid and 64 random bits,
+// so that runs in other pid namespaces (containers) or on a stepped clock
+// never meet; the name in `new` adds device, inode and size (",S="), the form
+// common maildir readers parse for quota. The move into `new` never replaces
+// a file: a clash anywhere draws a fresh name at once, with no sleep.
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
-#include <ctime>
 #include <fcntl.h>
+#include <string>
+#include <sys/random.h>
+#include <sys/stat.h>
+#include <sys/time.h>
 #include <unistd.h>
 
 #include "dotqmail/deliveries.h"
-#include "dotqmail/maildir_wait.h"
 #include "driver/log.h"
 #include "spool/spool.h"
 
-unsigned (*maildirClashWait)(unsigned seconds) = sleep;
-
 namespace {
 
-const size_t kPathSize = 160;
+const size_t kPathSize = 512;
 const size_t kHostSize = 64;
-const unsigned kClashWaitSeconds = 2;
+// A clash of 64 random bits is for a broken random source, not bad luck.
+const int kMaxNameDraws = 100;
 
 // Formats "<maildir>/<sub>/<name>"; false when it does not fit.
 bool maildirPath(char (&out)[kPathSize], const char *maildir, const char *sub, const char *name) {
     int n = snprintf(out, sizeof out, "%s/%s/%s", maildir, sub, name);
     return n >= 0 && static_cast<size_t>(n) < sizeof out;
+}
+
+// The host part as maildir readers expect it: "/" and ":" would cut the
+// name into a path or into flags.
+std::string hostPart() {
+    char host[kHostSize + 1];
+    memset(host, 0, sizeof host);
+    if (gethostname(host, kHostSize) != 0)
+        memset(host, 0, sizeof host);
+    std::string out;
+    for (const char *c = host; *c != '\0'; c++)
+        out += *c == '/' ? "\\057" : *c == ':' ? "\\072" : std::string(1, *c);
+    return out;
+}
+
+unsigned long long randomPart() {
+    unsigned long long r = 0;
+    if (getrandom(&r, sizeof r, GRND_NONBLOCK) != static_cast<ssize_t>(sizeof r)) {
+        timeval tv;
+        gettimeofday(&tv, nullptr);
+        r ^= static_cast<unsigned long long>(tv.tv_usec) << 32 ^ static_cast<unsigned long long>(getpid()) ^
+             reinterpret_cast<unsigned long long>(&r);
+    }
+    return r;
+}
+
+// Moves without ever replacing: 1 moved, 0 the name is taken, -1 failed.
+int moveNoReplace(const char *from, const char *to) {
+    if (renameat2(AT_FDCWD, from, AT_FDCWD, to, RENAME_NOREPLACE) == 0)
+        return 1;
+    if (errno == EEXIST)
+        return 0;
+    if (errno != EINVAL && errno != ENOSYS)
+        return -1;
+    // A file system without the no-replace rename: a link never replaces.
+    if (link(from, to) != 0)
+        return errno == EEXIST ? 0 : -1;
+    unlink(from);
+    return 1;
 }
 
 // The rename lives in the directory, not in the file: only a synced `new`
@@ -58,39 +103,30 @@ int syncNewDirectory(const char *newPath) {
 }  // namespace
 
 int deliverMaildir(const char *messagePath, const char *maildir) {
-    // One byte beyond the 64 the name may have, so a 64-character name still
-    // ends in a terminator; a failed query leaves the host part empty.
-    char host[kHostSize + 1];
-    memset(host, 0, sizeof host);
-    if (gethostname(host, kHostSize) != 0)
-        memset(host, 0, sizeof host);
-    long pid = static_cast<long>(getpid());
-
+    const std::string host = hostPart();
+    const long pid = static_cast<long>(getpid());
     char name[kPathSize];
     char tmpPath[kPathSize];
     char newPath[kPathSize];
-    int fd;
-    for (;;) {
-        snprintf(name, sizeof name, "%ld.%ld.%s", static_cast<long>(time(nullptr)), pid, host);
-        if (!maildirPath(tmpPath, maildir, "tmp", name) || !maildirPath(newPath, maildir, "new", name)) {
+    timeval tv{};
+    int fd = -1;
+    // No wider than the folder it lands in: a private `new` keeps its mail private.
+    char newDir[kPathSize];
+    struct stat dir;
+    mode_t mode = maildirPath(newDir, maildir, "new", "") && stat(newDir, &dir) == 0 ? dir.st_mode & 0666 : 0600;
+    for (int draw = 0; fd < 0; draw++) {
+        gettimeofday(&tv, nullptr);
+        snprintf(name, sizeof name, "%lld.M%06ldP%ldR%016llx.%s", static_cast<long long>(tv.tv_sec),
+                 static_cast<long>(tv.tv_usec), pid, randomPart(), host.c_str());
+        if (!maildirPath(tmpPath, maildir, "tmp", name)) {
             LogFunction(3, "Maildir path too long: %s", maildir);
             return -1;
         }
-        // The same run may store into one maildir twice within a second (a
-        // duplicated line): the earlier copy already left `tmp`, and the
-        // rename would silently replace it in `new`. That is a clash too.
-        if (access(newPath, F_OK) == 0) {
-            maildirClashWait(kClashWaitSeconds);
-            continue;
-        }
-        fd = open(tmpPath, O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0644);
-        if (fd >= 0)
-            break;
-        if (errno != EEXIST) {
+        fd = open(tmpPath, O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, mode);
+        if (fd < 0 && (errno != EEXIST || draw == kMaxNameDraws)) {
             LogFunction(3, "System error %s: %s\n", tmpPath, strerror(errno));
             return -1;
         }
-        maildirClashWait(kClashWaitSeconds);
     }
 
     if (!files_copy_file(messagePath, fd)) {
@@ -109,9 +145,28 @@ int deliverMaildir(const char *messagePath, const char *maildir) {
         LogFunction(3, "System error: %s\n", strerror(errno));
         return -1;
     }
-    if (rename(tmpPath, newPath) != 0) {
+    struct stat st;
+    if (stat(tmpPath, &st) != 0) {
         LogFunction(3, "System error: %s\n", strerror(errno));
         return -1;
+    }
+    for (int draw = 0;; draw++) {
+        char final[kPathSize];
+        snprintf(final, sizeof final, "%lld.M%06ldP%ldV%llxI%llxR%016llx.%s,S=%lld",
+                 static_cast<long long>(tv.tv_sec), static_cast<long>(tv.tv_usec), pid,
+                 static_cast<unsigned long long>(st.st_dev), static_cast<unsigned long long>(st.st_ino),
+                 randomPart(), host.c_str(), static_cast<long long>(st.st_size));
+        if (!maildirPath(newPath, maildir, "new", final)) {
+            LogFunction(3, "Maildir path too long: %s", maildir);
+            return -1;
+        }
+        int moved = moveNoReplace(tmpPath, newPath);
+        if (moved == 1)
+            break;
+        if (moved < 0 || draw == kMaxNameDraws) {
+            LogFunction(3, "System error: %s\n", moved < 0 ? strerror(errno) : "name clash");
+            return -1;
+        }
     }
     if (syncNewDirectory(newPath) != 0) {
         // Not known to be on disk, so not delivered. (A reader that already

@@ -75,7 +75,7 @@ int carryOut(const QmailLine &line, const char *messagePath, const char *sender,
     case MaildirLine:
         return deliverMaildir(messagePath, line.value.c_str()) == 0 ? 0 : DR_TEMPORARY;
     case MboxLine:
-        return deliverMbox(messagePath, line.value.c_str()) == 0 ? 0 : DR_TEMPORARY;
+        return deliverMbox(messagePath, line.value.c_str(), sender) == 0 ? 0 : DR_TEMPORARY;
     case EmptyLine:
         break;
     }
@@ -157,6 +157,10 @@ int processOpenFile(FILE *file, const char *fileName, bool executable, const cha
         manager.complete();
         result = DR_DELIVERED;
     }
+    // The transfer agent bounces these and never retries: the record would
+    // only wait to expire.
+    if (result == DR_PERMANENT || result == DR_OVER_QUOTA)
+        manager.complete();
     return result;
 }
 

@@ -71,7 +71,7 @@ int main(int argc, char **argv) {
     Explained e;
     e.sender = sender, e.recipient = recipient, e.mailnames = mailnames;
     e.messageFile = messageFile != nullptr ? messageFile : "";
-    e.ending = runDelivery({sender.c_str(), recipient.c_str(), mailnames.c_str(), messageFile}, &e.look);
+    e.ending = runDelivery({sender.c_str(), recipient.c_str(), mailnames.c_str(), messageFile, 0}, &e.look);
     if (json)
         printJson(e);
     else

@@ -102,6 +102,8 @@ void occupyStandardDescriptors() {
 }  // namespace
 
 int main(int argc, char **argv) {
+    // Before anything else: the parent may die while the message comes in.
+    const int parentAtStart = static_cast<int>(getppid());
     occupyStandardDescriptors();
     // A write beyond the file size limit must fail with EFBIG, so that the
     // mbox rollback and the spool clean-up run, rather than kill the process
@@ -115,5 +117,5 @@ int main(int argc, char **argv) {
     LogFunction(6, "%s: from=%s, to=%s, dirname=%s", kProgramName, cmd.sender[0] != '\0' ? cmd.sender : "<>",
                 cmd.recipient, cmd.mailnamesDir);
 
-    exitWith(runDelivery({cmd.sender, cmd.recipient, cmd.mailnamesDir, nullptr}));
+    exitWith(runDelivery({cmd.sender, cmd.recipient, cmd.mailnamesDir, nullptr, parentAtStart}));
 }

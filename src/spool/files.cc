@@ -26,7 +26,7 @@ bool writeBytes(int fd, const void *buf, size_t len, CopyFailure *failure) {
     return true;
 }
 
-bool copyBytes(int in, int out, CopyFailure *failure) {
+bool copyBytes(int in, int out, CopyFailure *failure, XXH3_state_t *hash) {
     char buf[4096];
     for (;;) {
         ssize_t got = read(in, buf, sizeof buf);
@@ -39,16 +39,18 @@ bool copyBytes(int in, int out, CopyFailure *failure) {
         }
         if (got == 0)
             return true;
+        if (hash != nullptr)
+            XXH3_128bits_update(hash, buf, static_cast<size_t>(got));
         if (!writeBytes(out, buf, static_cast<size_t>(got), failure))
             return false;
     }
 }
 
-int files_copy_fd(int in_fd, int out_fd) {
+int files_copy_fd(int in_fd, int out_fd, XXH3_state_t *hash) {
     if (in_fd < 0 || out_fd < 0)
         return 0;
     CopyFailure failure;
-    if (copyBytes(in_fd, out_fd, &failure))
+    if (copyBytes(in_fd, out_fd, &failure, hash))
         return 1;
     int err = errno;
     if (failure.reading) {

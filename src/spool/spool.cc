@@ -3,6 +3,7 @@
 #include "spool/spool.h"
 
 #include <cerrno>
+#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <fcntl.h>
@@ -13,7 +14,32 @@
 #include "paths.h"
 #include "util/error.h"
 
-char *spool_save_fd(const char *spoolDir, int inFd) {
+namespace {
+
+void digestText(XXH3_state_t *hash, char *digest) {
+    XXH128_hash_t h = XXH3_128bits_digest(hash);
+    snprintf(digest, 33, "%016llx%016llx", static_cast<unsigned long long>(h.high64),
+             static_cast<unsigned long long>(h.low64));
+}
+
+}  // namespace
+
+bool files_digest(const char *path, char *digest) {
+    int fd = open(path, O_RDONLY | O_CLOEXEC);
+    int sink = open("/dev/null", O_WRONLY | O_CLOEXEC);
+    XXH3_state_t hash;
+    XXH3_128bits_reset(&hash);
+    bool ok = fd >= 0 && sink >= 0 && copyBytes(fd, sink, nullptr, &hash);
+    if (ok)
+        digestText(&hash, digest);
+    if (fd >= 0)
+        close(fd);
+    if (sink >= 0)
+        close(sink);
+    return ok;
+}
+
+char *spool_save_fd(const char *spoolDir, int inFd, char *digest) {
     char *path = util_asprintf("%s/messageXXXXXX", spoolDir);
     int fd = mkstemp(path);
     if (fd < 0) {
@@ -21,7 +47,10 @@ char *spool_save_fd(const char *spoolDir, int inFd) {
         free(path);
         return nullptr;
     }
-    if (!files_copy_fd(inFd, fd)) {
+    // In the copy's own pass: a second read of 10 MB would cost more than the hash.
+    XXH3_state_t hash;
+    XXH3_128bits_reset(&hash);
+    if (!files_copy_fd(inFd, fd, &hash)) {
         LogFunction(3, "cannot save message from stdin to temporary file");
     } else if (fsync(fd) != 0) {
         LogFunction(3, "cannot fsync temporary file - (%d) %s", errno, strerror(errno));
@@ -31,6 +60,8 @@ char *spool_save_fd(const char *spoolDir, int inFd) {
         free(path);
         return nullptr;
     } else {
+        if (digest != nullptr)
+            digestText(&hash, digest);
         return path;
     }
     close(fd);
@@ -39,8 +70,29 @@ char *spool_save_fd(const char *spoolDir, int inFd) {
     return nullptr;
 }
 
-char *spool_save_stdin() {
-    return spool_save_fd(FERNDROP_SPOOL_DIR, STDIN_FILENO);
+bool inputCut(int parentAtStart) {
+    int parent = static_cast<int>(getppid());
+    bool cut = parent != parentAtStart;
+    // A dying process closes its descriptors before its children are
+    // re-parented, so the end of input can come first: its flags say it is
+    // exiting (PF_EXITING, the ninth field of its stat line).
+    char path[32];
+    snprintf(path, sizeof path, "/proc/%d/stat", parent);
+    if (FILE *stat = cut ? nullptr : fopen(path, "re")) {
+        char line[1024];
+        unsigned long flags = 0;
+        const char *end = fgets(line, sizeof line, stat) ? strrchr(line, ')') : nullptr;
+        if (end != nullptr && sscanf(end + 1, " %*c %*d %*d %*d %*d %*d %lu", &flags) == 1)
+            cut = (flags & 0x4) != 0;
+        fclose(stat);
+    }
+    if (cut)
+        LogFunction(19, "Message input cut: the process that started ferndrop died before its end");
+    return cut;
+}
+
+char *spool_save_stdin(char *digest) {
+    return spool_save_fd(FERNDROP_SPOOL_DIR, STDIN_FILENO, digest);
 }
 
 int spool_look() {

@@ -5,6 +5,7 @@
 // only for the one lookup. A record reads back exactly as a delivery loads
 // it: split at every line feed, empty pieces kept.
 #include "state/delivery_record.h"
+#include "state/delivery_state.h"
 
 #include <boost/algorithm/string.hpp>
 #include <cstdlib>
@@ -25,10 +26,7 @@ RecordLook lookAtDeliveryRecord(const std::string &databasePath, const std::stri
     if (char *value = tchdbget2(hdb, key.c_str())) {
         std::string stored(value);
         free(value);
-        std::vector<std::string> split;
-        boost::algorithm::split(split, stored, boost::algorithm::is_any_of("\n"),
-                                boost::algorithm::token_compress_off);
-        lines.insert(split.begin(), split.end());
+        splitDeliveryRecord(stored, lines);
         look = RECORD_FOUND;
     }
     tchdbclose(hdb);

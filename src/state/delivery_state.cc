@@ -25,6 +25,7 @@
 #include <unistd.h>
 
 #include "driver/log.h"
+#include "util/settings.h"
 #include "util/text.h"
 
 namespace {
@@ -66,6 +67,8 @@ struct Call {
     const char *path = nullptr;
     const char *key = nullptr;
     const char *volatile value = nullptr;  // put: the value; get: what was found (malloc'ed)
+    time_t now = 0;                        // put: the sweep's clock and age limit
+    long long maxAge = 0;
     volatile bool opened = false;
     volatile bool done = false;            // the call itself succeeded
 };
@@ -116,10 +119,60 @@ void openWriterCreating(Call *c) {
         c->done = tchdbclose(c->hdb);
 }
 
+// The sweep: records of deliveries the transfer agent gave up on, or from
+// before the key held the digest, would otherwise stay for ever. Each save
+// looks at a bounded number of them, going on where the last save stopped
+// (its cursor is a record of its own), so the whole file is covered in turn
+// and no save takes long.
+const char kSweepCursor[] = "sweep-cursor";
+const int kSweepBatch = 32;
+const size_t kDigestLength = 32;
+
+// A key from before the digest, or a record older than the limit.
+bool outlived(TCHDB *hdb, const char *key, int size, time_t now, long long maxAge) {
+    if (strcmp(key, kSweepCursor) == 0)
+        return false;
+    if (static_cast<size_t>(size) < kDigestLength + 1 || key[size - kDigestLength - 1] != ' ' ||
+        strspn(key + size - kDigestLength, "0123456789abcdef") != kDigestLength)
+        return true;
+    int valueSize = 0;
+    char *value = static_cast<char *>(tchdbget(hdb, key, size, &valueSize));
+    if (value == nullptr)
+        return false;
+    bool old = now - strtoll(value, nullptr, 10) > maxAge;
+    free(value);
+    return old;
+}
+
+void sweep(Call *c) {
+    char *cursor = tchdbget2(c->hdb, kSweepCursor);
+    if (cursor == nullptr || !tchdbiterinit2(c->hdb, cursor, static_cast<int>(strlen(cursor))))
+        tchdbiterinit(c->hdb);
+    free(cursor);
+    char *last = nullptr;
+    for (int i = 0; i < kSweepBatch; i++) {
+        int size = 0;
+        char *key = static_cast<char *>(tchdbiternext(c->hdb, &size));
+        if (key == nullptr)
+            break;  // the end: the next save starts from the beginning
+        if (outlived(c->hdb, key, size, c->now, c->maxAge))
+            tchdbout(c->hdb, key, size);
+        free(last);
+        last = key;
+    }
+    if (last != nullptr && strcmp(last, kSweepCursor) != 0)
+        tchdbput2(c->hdb, kSweepCursor, last);
+    else
+        tchdbout2(c->hdb, kSweepCursor);
+    free(last);
+}
+
 void writeRecord(Call *c) {
     if (!openHandle(c, HDBOWRITER))
         return;
     c->done = tchdbput2(c->hdb, c->key, c->value);
+    if (c->done)
+        sweep(c);
     tchdbclose(c->hdb);
 }
 
@@ -179,6 +232,8 @@ void create(const std::string &databasePath) {
         release(c.hdb, finished);
         return;
     }
+    // Served lines name the mailbox's forwards and programs: owner only.
+    chmod(building.c_str(), 0600);
     // The close writes the header's final counts; a failed one may leave it torn.
     if (!c.done)
         LogFunction(3, "init: cannot open delivery database %s: %s", databasePath.c_str(),
@@ -191,6 +246,18 @@ void create(const std::string &databasePath) {
 }
 
 }  // namespace
+
+time_t splitDeliveryRecord(const std::string &value, std::set<std::string> &lines) {
+    size_t end = value.find('\n');
+    std::string first = value.substr(0, end);
+    bool timed = !first.empty() && first.find_first_not_of("0123456789") == std::string::npos;
+    // token_compress_off keeps empty pieces: an empty rest is one empty line.
+    std::vector<std::string> split;
+    std::string rest = timed ? (end == std::string::npos ? "" : value.substr(end + 1)) : value;
+    boost::algorithm::split(split, rest, boost::algorithm::is_any_of("\n"), boost::algorithm::token_compress_off);
+    lines.insert(split.begin(), split.end());
+    return timed ? static_cast<time_t>(strtoll(first.c_str(), nullptr, 10)) : 0;
+}
 
 DeliveryState::DeliveryState(const std::string &databasePath, const std::string &key, bool look)
     : loaded(false), look(look), key(key), databasePath(databasePath) {
@@ -215,12 +282,9 @@ void DeliveryState::init() {
         if (c.value != nullptr) {
             std::string stored(c.value);
             free(const_cast<char *>(c.value));
-            // token_compress_off keeps empty pieces: an empty value is one empty line.
-            std::vector<std::string> split;
-            boost::algorithm::split(split, stored, boost::algorithm::is_any_of("\n"),
-                                    boost::algorithm::token_compress_off);
-            lines.insert(split.begin(), split.end());
+            savedAt = splitDeliveryRecord(stored, lines);
             loaded = true;
+            forgetIfOutlived();
         }
         return;
     }
@@ -248,6 +312,20 @@ void DeliveryState::init() {
     release(w.hdb, finished);
 }
 
+// A record older than the limit belongs to a delivery the transfer agent
+// has given up on (its queue lifetime is shorter): it counts as absent.
+void DeliveryState::forgetIfOutlived() {
+    long long maxAge = settingNumber("state_max_age");
+    if (time(nullptr) - savedAt <= maxAge)
+        return;
+    LogFunction(6, "init: delivery record `%s' is older than %lld seconds; removed", key.c_str(), maxAge);
+    erase();
+    lines.clear();
+    loaded = false;
+    savedAt = 0;
+    foundAs = STATE_NO_RECORD;
+}
+
 bool DeliveryState::contains(const std::string &line) const {
     return lines.count(trimmed(line)) != 0;
 }
@@ -257,8 +335,11 @@ void DeliveryState::add(const std::string &line) { lines.insert(trimmed(line)); 
 int DeliveryState::save() {
     if (look || (!loaded && lines.empty()))
         return 0;
-    std::string value = boost::algorithm::join(lines, "\n");
+    std::string value = std::to_string(savedAt != 0 ? savedAt : time(nullptr)) + "\n" +
+                        boost::algorithm::join(lines, "\n");
     Call c;
+    c.now = time(nullptr);
+    c.maxAge = settingNumber("state_max_age");
     c.path = databasePath.c_str();
     c.key = key.c_str();
     c.value = value.c_str();

@@ -1,18 +1,25 @@
 // The delivery state: which instruction lines of one delivery were already
 // served, kept across the transfer agent's retries in a Tokyo Cabinet hash
-// database under the delivery's key (Message-ID, sender, recipient).
+// database under the delivery's key (Message-ID, sender, recipient, digest).
+// A record's value is the time it was first saved (decimal seconds), then
+// the lines, each piece ended by the next line feed.
 #pragma once
 #include <memory>
 #include <set>
+#include <ctime>
 #include <string>
 
 #include "paths.h"
 
-// The record of one delivery and its database operations. Each operation
-// opens the database, makes one call and closes it again.
+// Splits a stored value into its lines; returns the time it was first saved
+// (0 when the value carries none).
+time_t splitDeliveryRecord(const std::string &value, std::set<std::string> &lines);
+
 // What loading found, for ferndrop-explain.
 enum StateFound { STATE_OFF, STATE_NO_DATABASE, STATE_NO_RECORD, STATE_RECORD, STATE_UNREADABLE };
 
+// The record of one delivery and its database operations. Each operation
+// opens the database, makes one call and closes it again.
 class DeliveryState {
   public:
     // Loads the stored record of key, creating the database file when
@@ -30,11 +37,13 @@ class DeliveryState {
 
   private:
     void init();
+    void forgetIfOutlived();
 
     std::set<std::string> lines;
     bool loaded;
     bool look;
     StateFound foundAs = STATE_NO_RECORD;
+    time_t savedAt = 0;  // when the loaded record was first saved
     std::string key;
     std::string databasePath;
 };

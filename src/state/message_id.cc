@@ -18,6 +18,7 @@
 #include <unistd.h>
 #include <locale>
 
+#include "spool/spool.h"
 #include "util/text.h"
 
 namespace {
@@ -41,7 +42,7 @@ std::string messageIdOf(const std::string &messagePath) {
     int fd = open(messagePath.c_str(), O_RDONLY | O_CLOEXEC);
     if (fd < 0)
         return "";
-    enum { Start, Skip, Take } mode = Start;
+    enum { Start, Skip, Take, Folded } mode = Start;
     std::string line;  // the current line's first bytes; all of the deciding one
     char buffer[4096];
     bool decided = false;
@@ -51,9 +52,23 @@ std::string messageIdOf(const std::string &messagePath) {
         if (n < 0)  // as a stream would: a failed read ends the file
             break;
         for (ssize_t i = 0; i < n && !decided; i++) {
-            if (buffer[i] == '\n') {
-                // The first empty line ends the header without a Message-ID.
-                decided = mode == Take || (mode == Start && line.empty());
+            if (mode == Folded) {
+                // A continuation line (it starts with a blank) belongs to the value.
+                decided = buffer[i] != ' ' && buffer[i] != '\t';
+                if (!decided) {
+                    mode = Take;
+                    line += buffer[i];
+                }
+            } else if (buffer[i] == '\n' && mode == Take) {
+                // Unfolding removes the line break, CR included.
+                if (line.back() == '\r')
+                    line.pop_back();
+                mode = Folded;
+            } else if (buffer[i] == '\n') {
+                // The first empty line ends the header without a Message-ID; so
+                // does one holding only CR, the separator of a CRLF message,
+                // lest a body line be taken for the header.
+                decided = mode == Start && (line.empty() || line == "\r");
                 if (!decided) {
                     mode = Start;
                     line.clear();
@@ -67,20 +82,31 @@ std::string messageIdOf(const std::string &messagePath) {
     }
     close(fd);
     // A last line without a line feed counts like any other.
-    if (mode != Take)
+    if (mode != Take && mode != Folded)
         return "";
-    // A folded value leaves the header line blank; the continuation is
-    // deliberately not joined, and no later Message-ID line is consulted.
+    // A value still blank after its continuations is no Message-ID, and no
+    // later Message-ID line is consulted.
     std::string value = trimmed(std::string_view(line).substr(kHeaderLength));
     return value.find('\0') == std::string::npos ? value : "";
 }
 
+namespace {
+std::string receivedDigest;  // of the bytes the transfer agent gave, when known
+}
+
+void setMessageDigest(const std::string &digest) { receivedDigest = digest; }
+
 bool readMessageId(const std::string &messagePath, const std::string &sender,
                    const std::string &recipient, std::string &key) {
+    // Handlers may have changed the file since; the digest of what the
+    // transfer agent gave is the one its retry gives again.
+    char digest[33] = "";
+    if (receivedDigest.empty() && !files_digest(messagePath.c_str(), digest))
+        return false;
     std::string value = messageIdOf(messagePath);
     if (value.empty())
-        return false;
+        value = "-";
     boost::algorithm::to_lower(value, std::locale::classic());
-    key = value + " " + sender + " " + recipient;
+    key = value + " " + sender + " " + recipient + " " + (receivedDigest.empty() ? digest : receivedDigest);
     return true;
 }

@@ -1,9 +1,15 @@
 // The deliveryKey of a spooled message: its first Message-ID value (lower-cased,
-// trimmed), a space, the sender, a space, the recipient.
+// trimmed, continuation lines joined; "-" without one), a space, the sender, a
+// space, the recipient, a space and the message's digest (32 hex digits, last
+// and fixed in length), so that a record applies to the identical message only.
 #pragma once
 #include <string>
 
-// True and the key when a usable Message-ID line was found in the header.
+// The digest of the message as received (from the spooling pass); without one
+// readMessageId digests the file it is given.
+void setMessageDigest(const std::string &digest);
+
+// True and the key; false only when the file cannot be read for its digest.
 bool readMessageId(const std::string &messagePath, const std::string &sender,
                    const std::string &recipient, std::string &key);
 

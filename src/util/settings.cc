@@ -58,7 +58,11 @@ struct Row {
 // documents each and debian/ferndrop.conf ships each commented out.
 const Row kRows[] = {
     {"fold_recipient_case", "yes", YESNO, nullptr},
+    {"mbox_format", "mboxrd", CHOICE, "mboxrd|raw"},
+    {"mbox_lock_timeout", "30", NUMBER, nullptr},
+    {"mbox_locks", "fcntl,dotlock,flock", LIST, "fcntl|dotlock|flock"},
     {"recipient_delimiter", "+", TEXT, "@/ \t"},
+    {"state_max_age", "864000", NUMBER, nullptr},
     {"unknown_user", "bounce", CHOICE, "bounce|drop"},
 };
 

@@ -1,7 +1,7 @@
 """The delivery as the transfer agent sees it: one row per case (fixture, command line, input) with the exit status,
 status line, log lines and stores it must leave. Cases that need more than one run follow the table."""
 import fcntl, json, os, re, resource, sqlite3, subprocess, sys, time
-from harness import BIN, MSG, KEY, R, S, SPOOL, STATE, REGISTRY, check, expect, main
+from harness import BIN, MSG, KEY, R, S, SPOOL, STATE, REGISTRY, check, expect, in_mbox, main
 from sweeps import JOB, job
 
 P = "{p}"  # the mailnames directory, in args
@@ -12,6 +12,11 @@ STRACE = ["strace", "-o", "/dev/null", "-e"]
 FSIZE = lambda: resource.setrlimit(resource.RLIMIT_FSIZE, (1 << 20, resource.RLIM_INFINITY))
 USAGE = '5 ferndrop usage: ferndrop -f <sender> -d <recipient> -p <mailnames dir>'
 HOSTILE = b"Subject: \x00\xff\r\n\r\n\x00no final newline"
+# The transfer agent's process dies mid-message; a subreaper above it reports ferndrop's own exit.
+CUT = ("import ctypes, fcntl, os, sys, termios, time\nctypes.CDLL(None).prctl(36, 1)\nif os.fork() == 0:\n r, w = os.pipe()\n"
+       " if os.fork() == 0:\n  os.dup2(r, 0), os.close(w), os.execv(sys.argv[1], sys.argv[1:])\n"
+       " os.write(w, sys.stdin.buffer.read()[:60])\n while fcntl.ioctl(w, termios.FIONREAD, b'    ') != b'\\0' * 4:"
+       " time.sleep(0.01)\n os.kill(os.getpid(), 9)\nos.wait()\nsys.exit(os.waitstatus_to_exitcode(os.wait()[1]))")
 STAMP = 'echo "X-$(basename $0): 1"; cat'  # a handler passing the message on under a header of its own
 
 
@@ -82,14 +87,18 @@ def deliver_all(w, r):
     argv = [c["argv"] for c in w.calls()]
     want = [f"-i\n-bm\n-f\n{S}\n{d}\n" for d in ("  spaced@example.net", "plain@example.net", "dir/")]
     check(argv == want, f"sendmail argv {argv}")
-    check(w.read("out") == MSG and new(w) == [MSG] and w.read("mbox") == MSG + "\n", "stores")
-    check(w.read(w.dir + "/abs.mbox") == MSG + "\n" and w.record() is None and os.path.exists(STATE), "abs/state")
+    check(w.read("out") == MSG and new(w) == [MSG] and in_mbox(w.read("mbox"), MSG), "stores")
+    check(in_mbox(w.read(w.dir + "/abs.mbox"), MSG) and w.record() is None and os.path.exists(STATE), "abs/state")
+    modes = [os.stat(f).st_mode & 0o777 for f in w.files("Maildir/new") + [w.path("mbox"), STATE]]
+    check(modes == [0o600, 0o640, 0o600], f"modes {modes}")
 
 
 def forward_env(w, r):
     [c] = w.calls()
     check(c["argv"] == f"-i\n-bm\n-f\n{S}\n-t\n" and c["stdin"] == MSG and c["fds"] == "0 1 2 ", f"call {c}")
-    check(f"QX_SENDER_EMAIL={R}\n" in c["env"] and f"DELIVERED_TO={R}\n" in c["env"], c["env"])
+    digest = subprocess.run(["xxhsum", "-H2", "-"], input=MSG.encode(), capture_output=True).stdout.split()[0].decode()
+    check(f"QX_SENDER_EMAIL={R}\n" in c["env"] and f"DELIVERED_TO={R}\n" in c["env"] and
+          f"FERNDROP_MESSAGE_DIGEST={digest}\n" in c["env"], c["env"])
     check(w.read("before") == "[preset]\n" and w.read("after") == "[unset]\n", "QX_SENDER_EMAIL around the forward")
 
 
@@ -163,7 +172,8 @@ CASES = {
                                rcpt="bob@example.com", setup=lambda w: os.symlink("BOB", w.path("../BOB"))),
     # .qmail lines
     "all_line_kinds": row(0, qmail="# note\n\n  \t \n&  spaced@example.net\nplain@example.net   # note\ndir/\n"
-                             "|   cat > out   \n./Maildir/\n./mbox\n{d}/abs.mbox", then=deliver_all),
+                             "|   cat > out   \n./Maildir/\n./mbox\n{d}/abs.mbox", then=deliver_all,
+                          setup=lambda w: (os.chmod(w.path("Maildir/new"), 0o700), os.chmod(w.box, 0o750))),
     "forward_environment": row(0, env=[("QX_SENDER_EMAIL", "preset")], then=forward_env,
                                pre=["sh", "-c", 'exec 7>&2 "$@"', "-"],  # a descriptor the transfer agent left open
                                qmail='|echo "[${QX_SENDER_EMAIL-unset}]" > before\n&\n'
@@ -172,9 +182,8 @@ CASES = {
                           "3 Unable to send mail for: bob@example.net\n", setup=lambda w: w.recorder(
                               "/usr/sbin/sendmail", 75), qmail="./mbox\n&bob@example.net\n./Maildir/\n",
                           then=lambda w, r: check(w.record() == "./mbox\n" and not new(w), "record")),
-    "no_message_id": row(0, "4 deliveryManager: Get empty message id, delivery state will be disabled for this mail",
-                         msg="Subject: x\n\nbody\n", qmail="./Maildir/\n./Maildir/\n",
-                         then=lambda w, r: check(len(new(w)) == 2 and not os.path.exists(STATE), "no key")),
+    "no_message_id": row(0, msg="Subject: x\n\nbody\n", qmail="./Maildir/\n./Maildir/\n",
+                         then=lambda w, r: check(len(new(w)) == 1 and os.path.exists(STATE), "no key")),
     "qmail_group_writable": row(75, "3 File .qmail is writable for group or others\n", "3 Wrong permissions for .qmail",
                                 qmail="./Maildir/\n", qmode=0o664),
     "qmail_x_bit": row(75, qmail="&bob@example.net\n./Maildir/\n", qmode=0o744,
@@ -190,7 +199,8 @@ CASES = {
     "maildir_without_tmp": row(75, qmail="./Maildir/\n", rm=["Maildir/tmp"]),
     "hostile_bytes_kept": row(0, msg=HOSTILE, qmail="./Maildir/\n./mbox\n",
                               then=lambda w, r: check([open(f, "rb").read() for f in w.files("Maildir/new") + [
-                                  w.path("mbox")]] == [HOSTILE, HOSTILE + b"\n"], "bytes changed")),
+                                  w.path("mbox")]][0] == HOSTILE and re.fullmatch(rb"From sender@example.org [^\n]{24}\n" + re.escape(HOSTILE) +
+                                  b"\n\n", open(w.path("mbox"), "rb").read()), "bytes changed")),
     "torn_state_database": row(0, f"3 init: cannot open delivery database {STATE}: invalid meta data",
                                files=[(STATE, "HDB\x00garbage" * 100)], qmail="./Maildir/\n",
                                then=lambda w, r: check(len(new(w)) == 1, "not delivered")),
@@ -199,12 +209,18 @@ CASES = {
                                 files=[("mbox", "o" * 1040000)], msg="S: x\n\n" + "b" * 20000, preexec=FSIZE,
                                 then=lambda w, r: check(os.path.getsize(w.path("mbox")) == 1040000, "no rollback")),
     "file_size_limit_spool": row(75, "3 Unable to read message from stdin", msg="b" * 1100000, preexec=FSIZE, out=READ),
+    "stdin_cut": row(75, "3 Message input cut: the process that started ferndrop died before its end", out=READ,
+                     pre=["python3", "-c", CUT], qmail="./Maildir/\n", then=lambda w, r: check(not new(w), "stored")),
     "stdin_closed": row(75, "3 Unable to read message from stdin", preexec=lambda: os.close(0), out=READ),
     "stdout_stderr_closed": row(75, qmail="&bob@example.net\n./missing/mbox\n", out="",
                                 preexec=lambda: (os.close(1), os.close(2)),
                                 then=lambda w, r: check([c["fds"] for c in w.calls()] == ["0 1 2 "], "descriptors")),
     "qmail_fifo": row(75, "3 File .qmail is not a regular file\n", "3 Wrong permissions for .qmail",
                       setup=lambda w: os.mkfifo(w.path(".qmail"), 0o644), then=lambda w, r: check(not w.calls(LDA), "")),
+    "mbox_lock_limit": row(75, "3 Timed out after 2s waiting for the fcntl lock of mailbox ./mbox", qmail="./mbox\n",
+                           files=[("/etc/ferndrop/ferndrop.conf", "mbox_lock_timeout 2\n")],
+                           setup=lambda w: fcntl.lockf(setattr(w, "lock", open(w.path("mbox"), "a")) or w.lock,
+                                                       fcntl.LOCK_EX), then=lambda w, r: check(not w.read("mbox"), "")),
     "mbox_fifo": row(75, "3 Unable to open ./mbox: not a regular file. (#4.2.1)\n", qmail="./mbox\n",
                      setup=lambda w: os.mkfifo(w.path("mbox"), 0o644)),
     "mailnames_missing": row(75, "3 cannot chdir to mailnames dir /none: No such file or directory", then=known,
@@ -223,9 +239,9 @@ CASES = {
     "forward_option_refused": row(75, "3 Unable to forward original message: destination -oQ/tmp/x starts with '-'",
                                   qmail="&-oQ/tmp/x\n", then=lambda w, r: check(not w.calls(), "sendmail ran")),
     # The summary line, one per outcome
-    "summary_bounced": row(71, qmail="./mbox\n|exit 100\n", h=[(4, "all", "echo SKIP >&2")], then=summary(
+    "summary_bounced": row(71, qmail="./mbox\n|exit 100\n", h=[(4, "all", "echo SKIP >&2")], then=lambda w, r: summary(
         f"to={R} from={S} message_id=<Job.1@Example.ORG> outcome=bounced status=71 code=5.7.1 handlers=h1:SKIP",
-        "qmail=1:mbox:served,2:program:failed")),
+        "qmail=1:mbox:served,2:program:failed")(w, r) or check(w.record() is None, "record of a bounce kept")),
     "summary_discarded": row(0, h=[(4, "all", "echo STOP >&2")], then=summary(
         f"to={R} from={S} message_id=<Job.1@Example.ORG> outcome=discarded status=0 code=2.0.0 handlers=h1:STOP")),
     "summary_unknown_user": row(67, rcpt="bob@example.com", then=summary(
@@ -320,7 +336,67 @@ def retry_skips_served_lines(w):
     check(w.record() == "&bob@example.net\n./Maildir/\n" and len(w.calls()) == 1 and len(new(w)) == 1, "first")
     w.write("go", "")
     expect(w.run(), 0)
-    check(w.record() is None and len(w.calls()) == 1 and len(new(w)) == 1 and w.read("mbox") == MSG + "\n", "retry")
+    check(w.record() is None and len(w.calls()) == 1 and len(new(w)) == 1 and in_mbox(w.read("mbox"), MSG), "retry")
+
+
+def pid_namespaces_keep_every_copy(w):
+    """Runs in separate pid namespaces share pids: 24 at once into one maildir each keep their copy."""
+    w.write(".qmail", "./Maildir/\n")
+    runs = [subprocess.Popen(["unshare", "-p", "-f", BIN, "-f", S, "-d", R, "-p", w.mailnames], stdin=subprocess.PIPE)
+            for _ in range(24)]
+    for i, p in enumerate(runs):
+        p.stdin.write(MSG.replace("hi", str(i)).encode()), p.stdin.close()
+    check([p.wait(30) for p in runs] == [0] * 24 and len(set(new(w))) == 24, f"{len(set(new(w)))} copies kept")
+    check(all(re.search(r",S=\d+$", f) for f in w.files("Maildir/new")), "no size in the names")
+
+
+def mbox_shared_with_readers(w):
+    """A reader holding dot-lock and fcntl rewrites the mbox meanwhile; the new message, whose body line "From "
+    is quoted, lands after it, and a standard parser counts both messages."""
+    import mailbox
+    w.write(".qmail", "./mbox\n")
+    w.write("mbox", "From x@y Mon Jan  1 00:00:00 2024\nSubject: old\n\nold\n\n")
+    os.link(w.path("mbox"), w.path("mbox.lock"))
+    with open(w.path("mbox"), "r+") as f:
+        fcntl.lockf(f, fcntl.LOCK_EX)
+        old = f.read().replace("Subject: old", "Status: RO\nSubject: old")
+        p = subprocess.Popen([BIN, "-f", S, "-d", R, "-p", w.mailnames], stdin=subprocess.PIPE)
+        p.stdin.write((MSG + "From me, sent\n>From quoted\n").encode()), p.stdin.close()
+        time.sleep(1)
+        f.seek(0), f.truncate(), f.write(old), f.flush()
+        os.unlink(w.path("mbox.lock"))
+    check(p.wait(20) == 0 and len(mailbox.mbox(w.path("mbox"))) == 2, "lost or not an mbox")
+    check(w.read("mbox").startswith(old) and in_mbox(w.read("mbox")[len(old):], MSG + "From me, sent\n>From quoted\n")
+          and ">From me, sent\n>>From quoted\n" in w.read("mbox"), "not quoted")
+
+
+def record_per_message(w):
+    """Two messages whose Message-IDs differ only in case, each deferred once: each is stored once."""
+    w.write(".qmail", "./Maildir/\n|test -e go || exit 75\n")
+    a, b = MSG, MSG.replace("Job.1@Example.ORG", "JOB.1@example.org").replace("body", "other")
+    expect(w.run(msg=a), 75), expect(w.run(msg=b), 75)
+    w.write("go", "")
+    expect(w.run(msg=b), 0), expect(w.run(msg=a), 0)
+    check(sorted(new(w)) == sorted([a, b]), f"stored {new(w)}")
+
+
+def records_expire(w):
+    """A record 11 days old is ignored and removed; the save of the deferred run sweeps an expired record and one
+    from before the digest."""
+    digest = subprocess.run(["xxhsum", "-H2", "-"], input=MSG.encode(), capture_output=True).stdout.split()[0].decode()
+    subprocess.run(["tchmgr", "create", STATE], check=True)
+    old = int(time.time()) - 11 * 86400
+    for key, value in [(f"{KEY} {digest}", f"{old}\n./Maildir/"), (f"<x@y> a b {'0' * 32}", f"{old}\nx"),
+                       ("<x@y> a b", "x"), (f"<z@y> a b {'1' * 32}", f"{old + 86400 * 2}\nkept")]:
+        subprocess.run(["tchmgr", "put", STATE, key, value], check=True)
+    w.write(".qmail", "./Maildir/\n|test -e go || exit 75\n")
+    expect(w.run(), 75, f"6 init: delivery record `{KEY} {digest}' is older than 864000 seconds; removed")
+    keys = set(subprocess.run(["tchmgr", "list", STATE], capture_output=True, text=True).stdout.split("\n"))
+    check(len(new(w)) == 1 and keys - {"", "sweep-cursor"} == {f"{KEY} {digest}", f"<z@y> a b {'1' * 32}"}
+          and w.record() == "./Maildir/\n", f"not swept: {keys}")
+    w.write("go", "")
+    expect(w.run(), 0)
+    check(len(new(w)) == 1 and w.record() is None, "served again")
 
 
 def locked_registry_is_waited_for(w):
@@ -357,7 +433,7 @@ def sigpipe_on_stderr(w):
     expect(w.run(preexec=reader_gone), 75)
     os.mkdir(w.path("missing"))
     expect(w.run(), 0)
-    check(len(w.calls()) == 1 and w.read("missing/mbox") == MSG + "\n", "forwarded again")
+    check(len(w.calls()) == 1 and in_mbox(w.read("missing/mbox"), MSG), "forwarded again")
 
 
 def state_database_bounded(w):
@@ -404,7 +480,7 @@ def explain(w):
     text = out.out.replace(w.dir, "{d}")
     for want in ["1  recipient-domain  h1    ctx      example.com  {d}/handlers/h1",
                  "2  global            h2    ctx      all          {d}/handlers/h2", "domain example.com: exact name",
-                 "key <fault.1@example.org> sender@example.org alice@example.com, 2 served lines",
+                 "key <fault.1@example.org> sender@example.org alice@example.com ", " 2 served lines",
                  "1     forward  skipped: already served  bob@example.net", ".qmail: usable, mode 0644",
                  "3     maildir  runs                     ./Maildir/", "ends at qmail: delivered, exit 0, 2.0.0"]:
         check(want in text, f"explain lacks {want!r}:\n{text}")
@@ -426,7 +502,10 @@ def maildir_new_synced(w):
     check(len(new(w)) == 1, "copies after the retry")
 
 
-CASES.update(address_extensions=address_extensions, settings_documented=settings_documented, retry_skips_served_lines=retry_skips_served_lines, setup_layout=setup_layout, locked_registry=locked_registry_is_waited_for,
+CASES.update(address_extensions=address_extensions, settings_documented=settings_documented,
+             retry_skips_served_lines=retry_skips_served_lines, pid_namespaces=pid_namespaces_keep_every_copy,
+             mbox_shared=mbox_shared_with_readers, record_per_message=record_per_message,
+             records_expire=records_expire, setup_layout=setup_layout, locked_registry=locked_registry_is_waited_for,
              sigpipe_on_stderr=sigpipe_on_stderr, state_database_bounded=state_database_bounded, explain=explain)
 # Under strace: the release build only (the sanitizer runtime makes system calls of its own).
 TRACED = {"fork_fails": fork_fails, "maildir_new_synced": maildir_new_synced,

@@ -161,9 +161,20 @@ class World:
         return Result(p, drain())
 
     def record(self, key=KEY):
-        """The delivery-state record of the message, or None."""
-        p = subprocess.run(["tchmgr", "get", STATE, key], capture_output=True, text=True)
-        return p.stdout if p.returncode == 0 else None
+        """The delivery-state record of the message (its key before the digest), without its saved time, or None."""
+        keys = subprocess.run(["tchmgr", "list", "-fm", key + " ", STATE], capture_output=True, text=True).stdout.split("\n")
+        p = subprocess.run(["tchmgr", "get", STATE, keys[0]], capture_output=True, text=True)
+        return p.stdout.split("\n", 1)[1] if p.returncode == 0 and keys[0] else None
+
+
+# An mboxrd separator line ("From " envelope date), and one message as mboxrd stores it.
+SEP = r"From \S+ \w{3} \w{3} [ \d]\d \d\d:\d\d:\d\d \d{4}\n"
+stored = lambda m: SEP + re.escape(re.sub(r"(?m)^(>*From )", r">\1", m) + "\n" * (2 - m.endswith("\n")))
+
+
+def in_mbox(text, *msgs):
+    """Whether the mbox text holds exactly these messages, in this order."""
+    return re.fullmatch("".join(map(stored, msgs)), text) is not None
 
 
 def check(cond, what, result=None):
