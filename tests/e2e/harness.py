@@ -22,7 +22,7 @@ OVERLAID = ["/etc", "/usr/local", "/var/lib", "/usr/sbin", "/usr/libexec", "/usr
 TMP = next(d for d in ("/tmp", "/var/tmp", "/mnt") if not any(
     (p + "/").startswith(d + "/") for p in (BIN, os.path.abspath(__file__))))
 # The sanitized build's settings reach every run (leak checks cannot run under strace).
-SANITIZER = {k: v for k, v in os.environ.items() if k.startswith("ASAN_")}
+SANITIZER = {k: v for k, v in os.environ.items() if k.startswith(("ASAN_", "LSAN_"))}
 libc = ctypes.CDLL(None, use_errno=True)
 lines = queue.Queue()
 
