@@ -1,5 +1,5 @@
-// The spool file: the one private, synced copy of the message that every later
-// stage reads by name. A failed save never leaves a partial file behind.
+// The spool file: the one private copy of the message that every later stage
+// reads by name. A failed save never leaves a partial file behind.
 #include "spool/spool.h"
 
 #include <cerrno>
@@ -50,10 +50,11 @@ char *spool_save_fd(const char *spoolDir, int inFd, char *digest) {
     // In the copy's own pass: a second read of 10 MB would cost more than the hash.
     XXH3_state_t hash;
     XXH3_128bits_reset(&hash);
+    // Not synced: the transfer agent keeps the message until ferndrop exits
+    // 0, and no run ever reads another run's spool file, so after a crash
+    // nothing would read the synced copy. Every store syncs what it stores.
     if (!files_copy_fd(inFd, fd, &hash)) {
         LogFunction(3, "cannot save message from stdin to temporary file");
-    } else if (fsync(fd) != 0) {
-        LogFunction(3, "cannot fsync temporary file - (%d) %s", errno, strerror(errno));
     } else if (close(fd) != 0) {
         LogFunction(3, "cannot close temporary file - (%d) %s", errno, strerror(errno));
         unlink(path);

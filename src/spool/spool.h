@@ -7,7 +7,7 @@
 #include <xxhash.h>
 
 // Saves standard input into a new file "message" + 6 unique characters in the
-// spool directory, synced and closed. Returns its path (caller owns it) or null.
+// spool directory, closed (not synced: see spool.cc). Returns its path (caller owns it) or null.
 // With digest: the XXH3-128 of the bytes read, 32 lower-case hex digits, made
 // in the same pass as the copy (33 bytes with the terminator).
 char *spool_save_stdin(char *digest = nullptr);
