@@ -1,7 +1,7 @@
 """The delivery as the transfer agent sees it: one row per case (fixture, command line, input) with the exit status,
 status line, log lines and stores it must leave. Cases that need more than one run follow the table."""
 import fcntl, json, os, re, resource, sqlite3, subprocess, sys, time
-from harness import BIN, MSG, KEY, R, S, SPOOL, STATE, REGISTRY, check, expect, in_mbox, main
+from harness import BIN, MSG, KEY, R, S, SPOOL, STATE, REGISTRY, TEXT, check, expect, in_mbox, main
 from sweeps import JOB, job
 
 P = "{p}"  # the mailnames directory, in args
@@ -159,6 +159,9 @@ CASES = {
                                       files=[("/etc/ferndrop/ferndrop.conf", "unknown_user drop # no bounces\n")]),
     "slash_in_domain": row(67, "3 bad entry ../example.com/alice (contains /)", "3 Unknown user: x@../example.com/alice",
                            rcpt="x@../example.com/alice"),
+    "two_at_signs": row(0, rcpt="alice@example.com@relay.test", files=[("../../example.com@relay.test/alice/.qmail",
+                                                                       "|cat > out\n")],
+                        then=lambda w, r: check(w.read("../../example.com@relay.test/alice/out") == MSG, "not there")),
     "dotdot_mailname": row(67, "3 Unknown user: ..@example.com", rcpt="..@example.com", qmail="|cat > out\n",
                            files=[("../.qmail", "|cat > {d}/escaped\n")],
                            then=lambda w, r: check(not os.path.exists(w.dir + "/escaped"), "left the tree")),
@@ -320,6 +323,39 @@ def address_extensions(w):
     expect(w.run(rcpt="alice+shop@example.com"), 67, "3 Unknown user: alice+shop@example.com")
 
 
+def exit_code_table(w):
+    """Every exit code of a program line and of the store agent ends as the delivery language says, and what either
+    prints on its standard output never reaches ferndrop's, which the transfer agent reads as the status line."""
+    permanent = {65, 70, 76, 78, 100, 112}
+    for code in [0, 1, 64, 65, 67, 69, 70, 71, 73, 74, 75, 76, 77, 78, 99, 100, 101, 111, 112, 113, 255]:
+        for store in (False, True):
+            if store:
+                w.write(LDA, f"#!/bin/sh\necho agent-said; cat > /dev/null; exit {code}\n", 0o755)
+                os.unlink(w.path(".qmail"))
+            else:
+                w.write(".qmail", f"|echo program-said; exit {code}\n")
+            want = 0 if code == 0 or (code == 99 and not store) else 77 if code == 77 else \
+                71 if code in permanent else 75
+            r = w.run()
+            check(r.status == want and r.out == TEXT.get(want, "") + "\n" * (want != 0),
+                  f"{'agent' if store else 'program'} exit {code}: wanted {want}", r)
+
+
+def children_default_signals(w):
+    """ferndrop ignores SIGPIPE and SIGXFSZ; every program it starts gets the default dispositions back."""
+    ign = 'grep SigIgn /proc/$$/status > {d}/%s'.replace("{d}", w.dir)
+    w.handler(1, R, ign % "handler" + "; echo SKIP >&2")
+    w.write("/usr/sbin/sendmail", "#!/bin/sh\n" + ign % "sendmail" + "; cat > /dev/null\n", 0o755)
+    w.write(LDA, "#!/bin/sh\n" + ign % "agent" + "; cat > /dev/null\n", 0o755)
+    w.write(".qmail", "&bob@example.net\n|" + ign % "program" + "\n")
+    expect(w.run(), 0)
+    os.unlink(w.path(".qmail"))
+    expect(w.run(), 0)
+    for child in ("handler", "sendmail", "program", "agent"):
+        mask = int(w.read(f"{w.dir}/{child}").split()[1], 16)
+        check(not mask & (1 << 12 | 1 << 24), f"{child} ignores SIGPIPE or SIGXFSZ: {mask:x}")
+
+
 def settings_documented(w):
     """Every setting explain prints is shipped, commented out at its default, and has its manual entry."""
     root = os.path.dirname(os.path.dirname(os.path.dirname(os.path.abspath(__file__))))
@@ -331,7 +367,7 @@ def settings_documented(w):
 
 
 def retry_skips_served_lines(w):
-    w.write(".qmail", "&bob@example.net\n./Maildir/\n|test -e go || exit 75\n./mbox\n")
+    w.write(".qmail", " &bob@example.net \r\n./Maildir/\n|test -e go || exit 75\n./mbox\n")
     expect(w.run(), 75)
     check(w.record() == "&bob@example.net\n./Maildir/\n" and len(w.calls()) == 1 and len(new(w)) == 1, "first")
     w.write("go", "")
@@ -503,6 +539,7 @@ def maildir_new_synced(w):
 
 
 CASES.update(address_extensions=address_extensions, settings_documented=settings_documented,
+             exit_code_table=exit_code_table, children_default_signals=children_default_signals,
              retry_skips_served_lines=retry_skips_served_lines, pid_namespaces=pid_namespaces_keep_every_copy,
              mbox_shared=mbox_shared_with_readers, record_per_message=record_per_message,
              records_expire=records_expire, setup_layout=setup_layout, locked_registry=locked_registry_is_waited_for,
