@@ -168,11 +168,14 @@ int main(int argc, char **argv) {
     if (!inbox.empty())
         show("the stored message", sb.read(bob + "/Maildir/new/" + inbox[0]));
 
-    heading("Delivery 3: an unknown mailbox is dropped, a bad recipient refused");
-    report(asDeliveryUser({"-f", "carol@example.org", "-d", "nobody@example.com", "-p", sb.mailnames()}, message));
-    report(asDeliveryUser({"-f", "carol@example.org", "-d", "no-domain", "-p", sb.mailnames()}, message));
+    heading("Delivery 3: an unknown mailbox is bounced (5.1.1), a bad recipient refused");
+    RunResult r3 = asDeliveryUser({"-f", "carol@example.org", "-d", "nobody@example.com", "-p", sb.mailnames()}, message);
+    report(r3);
+    RunResult r4 = asDeliveryUser({"-f", "carol@example.org", "-d", "no-domain", "-p", sb.mailnames()}, message);
+    report(r4);
 
-    bool ok = r1.status == 0 && r2.status == 0 && maildir.size() == 1 && inbox.size() == 1;
+    bool ok = r1.status == 0 && r2.status == 0 && maildir.size() == 1 && inbox.size() == 1 && r3.status == 67 &&
+              r4.status == 65;
     heading(ok ? "demo finished: all deliveries as expected" : "demo finished with unexpected results");
     return ok ? 0 : 1;
 }

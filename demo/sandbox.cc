@@ -6,8 +6,6 @@
 #include <signal.h>
 #include <grp.h>
 #include <sys/mount.h>
-#include <sys/prctl.h>
-#include <sys/resource.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/un.h>
@@ -129,9 +127,7 @@ bool parseSyslog(const std::string &dgram, SyslogLine &line) {
     int bufSize = 8 << 20;
     setsockopt(logSock, SOL_SOCKET, SO_RCVBUFFORCE, &bufSize, sizeof bufSize);
 
-    std::string inPath = spec.inputPath.empty() ? runDir + "/stdin" : spec.inputPath;
-    if (spec.waitForOrphans)
-        prctl(PR_SET_CHILD_SUBREAPER, 1);
+    std::string inPath = runDir + "/stdin";
     pid_t pid = fork();
     if (pid < 0)
         die("fork");
@@ -180,53 +176,29 @@ bool parseSyslog(const std::string &dgram, SyslogLine &line) {
     };
     auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(spec.timeoutSeconds);
     int status = 0;
-    struct rusage usage {};
     for (;;) {
         pollfd pfd{logSock, POLLIN, 0};
         poll(&pfd, 1, 20);
         drain();
-        pid_t r = wait4(pid, &status, WNOHANG, &usage);
+        pid_t r = waitpid(pid, &status, WNOHANG);
         if (r == pid)
             break;
         if (std::chrono::steady_clock::now() > deadline) {
             kill(pid, SIGKILL);
-            wait4(pid, &status, 0, &usage);
+            waitpid(pid, &status, 0);
             break;
-        }
-    }
-    // Orphans were re-parented to this process (the subreaper); reap them all.
-    while (spec.waitForOrphans) {
-        pid_t r = waitpid(-1, nullptr, WNOHANG);
-        if (r < 0)
-            break;
-        if (r == 0) {
-            if (std::chrono::steady_clock::now() > deadline)
-                break;
-            pollfd pfd{logSock, POLLIN, 0};
-            poll(&pfd, 1, 5);
-            drain();
         }
     }
     // Grandchildren (a handler's background job, say) may still log briefly.
     drain();
     fclose(logOut);
     FILE *st = fopen((runDir + "/status").c_str(), "w");
-    fprintf(st, "%d %ld\n", status, usage.ru_maxrss);
+    fprintf(st, "%d\n", status);
     fclose(st);
     _exit(0);
 }
 
 }  // namespace
-
-bool RunResult::logged(int priority, const std::string &text) const {
-    return std::any_of(log.begin(), log.end(),
-                       [&](const SyslogLine &l) { return l.priority == priority && l.text == text; });
-}
-
-bool RunResult::loggedContaining(const std::string &part) const {
-    return std::any_of(log.begin(), log.end(),
-                       [&](const SyslogLine &l) { return l.text.find(part) != std::string::npos; });
-}
 
 std::string RunResult::logDump() const {
     std::string s;
@@ -285,13 +257,6 @@ void Sandbox::mkdirs(const std::string &path, mode_t mode) {
 
 std::string Sandbox::read(const std::string &path) const { return slurp(host(path)); }
 
-std::string Sandbox::slurpHost(const std::string &hostPath) { return slurp(hostPath); }
-
-bool Sandbox::exists(const std::string &path) const {
-    struct stat st;
-    return lstat(host(path).c_str(), &st) == 0;
-}
-
 std::vector<std::string> Sandbox::list(const std::string &path) const {
     std::vector<std::string> names;
     if (DIR *d = opendir(host(path).c_str())) {
@@ -304,18 +269,6 @@ std::vector<std::string> Sandbox::list(const std::string &path) const {
     }
     std::sort(names.begin(), names.end());
     return names;
-}
-
-void Sandbox::remove(const std::string &path) {
-    std::string cmd = "rm -rf '" + host(path) + "'";
-    if (system(cmd.c_str()) != 0)
-        throw std::runtime_error("rm " + path);
-}
-
-void Sandbox::standardLayout() {
-    mkdirs("/usr/local/qrn/handlers/spool", 0755);
-    mkdirs("/var/lib/kavra/mail/handlers", 0755);
-    mkdirs("/var/lib/kavra/mail/local", 0755);
 }
 
 std::string Sandbox::mailbox(const std::string &domain, const std::string &mailname) {
@@ -344,7 +297,7 @@ std::vector<std::string> Sandbox::calls(const std::string &name) const {
 RunResult Sandbox::run(const RunSpec &spec) {
     std::string runDir = root_ + "/runs/" + std::to_string(++runs_);
     mkdirsHost(runDir, 0777);
-    if (spec.inputPath.empty()) {
+    {
         std::ofstream in(runDir + "/stdin", std::ios::binary);
         in << spec.input;
     }
@@ -360,13 +313,8 @@ RunResult Sandbox::run(const RunSpec &spec) {
     if (!WIFEXITED(status) || WEXITSTATUS(status) != 0)
         throw std::runtime_error("sandbox setup failed: " + slurp(runDir + "/stderr"));
     int childStatus = 0;
-    std::istringstream(slurp(runDir + "/status")) >> childStatus >> result.maxRssKb;
-    if (WIFEXITED(childStatus)) {
-        result.status = WEXITSTATUS(childStatus);
-    } else {
-        result.signalled = true;
-        result.status = 128 + WTERMSIG(childStatus);
-    }
+    std::istringstream(slurp(runDir + "/status")) >> childStatus;
+    result.status = WIFEXITED(childStatus) ? WEXITSTATUS(childStatus) : 128 + WTERMSIG(childStatus);
     result.out = slurp(runDir + "/stdout");
     result.err = slurp(runDir + "/stderr");
     std::string raw = slurp(runDir + "/syslog");
@@ -382,36 +330,11 @@ RunResult Sandbox::run(const RunSpec &spec) {
     return result;
 }
 
-RunResult Sandbox::ferndrop(const std::vector<std::string> &args, const std::string &input,
-                            const std::vector<std::string> &env) {
-    RunSpec spec;
-    spec.argv = {ferndropBinary()};
-    spec.argv.insert(spec.argv.end(), args.begin(), args.end());
-    spec.input = input;
-    spec.env = env;
-    return run(spec);
-}
-
 RunResult Sandbox::shell(const std::string &script, const std::string &input) {
     RunSpec spec;
     spec.argv = {"/bin/sh", "-c", script};
     spec.input = input;
     return run(spec);
-}
-
-std::string hostOutput(const std::string &command, int *status) {
-    std::string out;
-    FILE *p = popen(command.c_str(), "r");
-    if (p == nullptr)
-        return out;
-    char buf[4096];
-    size_t n;
-    while ((n = fread(buf, 1, sizeof buf, p)) > 0)
-        out.append(buf, n);
-    int rc = pclose(p);
-    if (status != nullptr)
-        *status = rc;
-    return out;
 }
 
 std::string ferndropBinary() { return FERNDROP_BINARY; }

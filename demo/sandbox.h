@@ -20,29 +20,20 @@ struct SyslogLine {
 
 struct RunResult {
     int status = -1;  // exit status, or 128 + signal
-    bool signalled = false;
     std::string out;
     std::string err;
     std::vector<SyslogLine> log;
-    long maxRssKb = 0;  // peak resident set size of the started program (wait4)
 
-    bool logged(int priority, const std::string &text) const;
-    bool loggedContaining(const std::string &part) const;
     std::string logDump() const;
 };
 
 struct RunSpec {
     std::vector<std::string> argv;
-    std::string input;           // standard input, unless inputPath is set
-    std::string inputPath;       // host path of a file to use as standard input
+    std::string input;           // standard input
     std::vector<std::string> env;  // added to a minimal PATH/HOME environment
     uid_t uid = 0;
     gid_t gid = 0;
     int timeoutSeconds = 120;
-    // Wait, too, for processes the program left running when it ended (a
-    // delivery program orphaned by a killed ferndrop), so that nothing still
-    // writes while the test looks at the results.
-    bool waitForOrphans = false;
 };
 
 class Sandbox {
@@ -61,12 +52,7 @@ class Sandbox {
     void write(const std::string &path, const std::string &content, mode_t mode = 0644);
     void mkdirs(const std::string &path, mode_t mode = 0755);
     std::string read(const std::string &path) const;
-    bool exists(const std::string &path) const;
     std::vector<std::string> list(const std::string &path) const;
-    void remove(const std::string &path);
-
-    // The standard layout: spool, registry and state directories.
-    void standardLayout();
     // A mailbox directory <mailnames>/<domain>/<mailname>, returned as a host path.
     std::string mailbox(const std::string &domain, const std::string &mailname);
     // The recording program (recorder.cc) at path; its calls are kept under name.
@@ -76,21 +62,13 @@ class Sandbox {
     // files argv, env, fds and stdin.
     std::vector<std::string> calls(const std::string &name) const;
 
-    // Whole content of a host file.
-    static std::string slurpHost(const std::string &hostPath);
-
     RunResult run(const RunSpec &spec);
-    RunResult ferndrop(const std::vector<std::string> &args, const std::string &input,
-                       const std::vector<std::string> &env = {});
     RunResult shell(const std::string &script, const std::string &input = "");
 
   private:
     std::string root_;
     int runs_ = 0;
 };
-
-// Runs a command on the host and returns its standard output.
-std::string hostOutput(const std::string &command, int *status = nullptr);
 
 std::string ferndropBinary();
 std::string sourceDir();
