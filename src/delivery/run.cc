@@ -20,6 +20,7 @@
 #include "spool/spool.h"
 #include "state/message_id.h"
 #include "util/settings.h"
+#include "util/supervise.h"
 #include "util/text.h"
 
 RunLook::~RunLook() { mh_list_free(&handlers); }
@@ -84,6 +85,7 @@ std::string baseMailname(const char *mailname, std::string &extension) {
 }  // namespace
 
 ExitLine runDelivery(const DeliveryRequest &request, RunLook *look) {
+    superviseRunStart();
     const char *sender = request.sender[0] != '\0' ? request.sender : kNullSender;
     // Kept for the whole run: the run record and the registry keep pointers.
     static std::string canonical, mailboxAddress;
@@ -175,6 +177,9 @@ ExitLine runDelivery(const DeliveryRequest &request, RunLook *look) {
     }
     if (status != DS_OK)
         return finish(spoolPath, exitForDeliveryStatus(status), look);
+    // Handlers passed over took the run's time: no store would get any.
+    if (runTimeExpired())
+        return finish(spoolPath, kExitTimeExpired, look);
     if (look != nullptr) {
         look->registryUsable = true;
         look->assumesSuccess = !look->handlers.records.empty();

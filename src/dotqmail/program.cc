@@ -8,6 +8,7 @@
 // bounces instead of being retried forever; trouble with the process itself
 // (fork or wait failed, killed, stopped) is temporary.
 #include <cerrno>
+#include <csignal>
 #include <cstring>
 #include <fcntl.h>
 #include <sys/wait.h>
@@ -17,7 +18,9 @@
 #include "driver/delivery_codes.h"
 #include "driver/log.h"
 #include "paths.h"
+#include "util/settings.h"
 #include "util/spawn.h"
+#include "util/supervise.h"
 
 namespace {
 const size_t kMaxCommand = 8194;
@@ -44,7 +47,18 @@ int deliverProgram(const char *messagePath, const char *command, const char *wor
 
     int status = 0;
     errno = 0;
-    if (waitpid(pid, &status, WUNTRACED) < 0) {
+    long long limit = settingNumber("child_time_limit");
+    int waited = superviseWait(pid, "the program line", limit, superviseBudgetMs(limit), &status);
+    if (waited == 1)
+        return DR_TEMPORARY;
+    // A stopped command would hold its process group, and our standard error, for good.
+    if (waited == 0 && WIFSTOPPED(status)) {
+        kill(-pid, SIGKILL);
+        kill(pid, SIGKILL);
+        while (waitpid(pid, &status, 0) < 0 && errno == EINTR) {
+        }
+    }
+    if (waited < 0) {
         LogFunction(3, "LOG Unable to get child exit code: %s", strerror(errno));
         return DR_TEMPORARY;
     }

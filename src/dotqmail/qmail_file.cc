@@ -25,10 +25,12 @@
 #include <unistd.h>
 
 #include "dotqmail/deliveries.h"
+#include "dotqmail/trust.h"
 #include "driver/delivery_codes.h"
 #include "driver/log.h"
 #include "driver/run_record.h"
 #include "state/delivery_state.h"
+#include "util/settings.h"
 #include "util/text.h"
 
 namespace {
@@ -129,6 +131,17 @@ int processOpenFile(FILE *file, const char *fileName, bool executable, const cha
         // agent; only the harmless kinds may run from it.
         if (executable && line.kind != ForwardLine && line.kind != EmptyLine) {
             fputs(".qmail has prog delivery but has x bit set. (#4.7.0)\n", stderr);
+            note(number, line.kind, "refused");
+            seen(look, number, raw, "refused");
+            result = DR_TEMPORARY;
+            number++;
+            break;
+        }
+        // A host that allows no programs, or confines where mail is written.
+        bool noPrograms = line.kind == ProgramLine && !settingYes("allow_program_lines");
+        if (noPrograms)
+            LogFunction(3, "Program lines are not allowed (allow_program_lines no): %s", line.value.c_str());
+        if (noPrograms || confinementOf(line) < 0) {
             note(number, line.kind, "refused");
             seen(look, number, raw, "refused");
             result = DR_TEMPORARY;
@@ -255,6 +268,15 @@ int processQmailFile(const char *fileName, const char *messagePath, const char *
     struct stat opened;
     if (fstat(fd, &opened) != 0 || !S_ISREG(opened.st_mode)) {
         refuse(look, "File %s is not a regular file\n", fileName);
+        LogFunction(3, "Wrong permissions for %s", fileName);
+        close(fd);
+        return DR_LOCAL_ERROR;
+    }
+    // Checked on what was opened, links followed: a link to another user's
+    // file must not make that user's lines run as the delivery user.
+    std::string owner;
+    if (!qmailOwnerTrusted(opened.st_uid, owner)) {
+        refuse(look, "File %s belongs to %s, who may not give this mailbox instructions\n", fileName, owner.c_str());
         LogFunction(3, "Wrong permissions for %s", fileName);
         close(fd);
         return DR_LOCAL_ERROR;

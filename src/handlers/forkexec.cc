@@ -16,11 +16,15 @@
 #include <csignal>
 #include <cstring>
 #include <fcntl.h>
+#include <poll.h>
+#include <ctime>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include "driver/log.h"
 #include "handlers/control_lines.h"
+#include "util/settings.h"
+#include "util/supervise.h"
 
 namespace {
 
@@ -39,11 +43,16 @@ const size_t kChunkSize = 4095;
     dup2(fd_in, 0);
     dup2(fd_out, 1);
     dup2(pipeWrite, 2);
-    close(pipeWrite);
+    // Nothing of the transfer agent's or ours beyond the three: a descriptor a
+    // background child kept could hold the transport waiting.
+    if (close_range(3, ~0U, 0) != 0)
+        for (int fd = 3; fd < getdtablesize(); fd++)
+            close(fd);
     // The delivery process ignores these for itself; ignored dispositions
     // would survive the exec, and the handler is entitled to the defaults.
     signal(SIGPIPE, SIG_DFL);
     signal(SIGXFSZ, SIG_DFL);
+    superviseChildSetup();
     if (env != nullptr)
         execve(path, args, env);
     else
@@ -63,26 +72,70 @@ const size_t kChunkSize = 4095;
     _exit(255);
 }
 
-// False when the channel could not be read to its end: whatever the
-// handler answered may then be lost, and a lost SKIP must never turn into a
-// PASS that takes an empty output as the new message. Each chunk goes to the
-// debug log as it was read; the answer is read from whole lines.
-bool readControlChannel(int pipeRead, HandlerOutcome *outcome, bool *verdictSeen) {
+// How long the channel is still read after the handler itself has ended:
+// a process it left behind may keep its standard error open for good.
+const long long kLingerMs = 5000;
+
+// Reading the answer ended: 0 at end of file, 1 when the handler was killed
+// at its deadline, 2 when it ended but its standard error stayed open past
+// the linger time, -1 when the channel could not be read (then whatever the
+// handler answered may be lost, and a lost SKIP must never turn into a PASS
+// that takes an empty output as the new message). Each chunk goes to the
+// debug log as it was read; the answer is read from whole lines. *status
+// gets the handler's end once it was reaped here.
+int readControlChannel(int pipeRead, pid_t pid, const char *path, HandlerOutcome *outcome, bool *verdictSeen,
+                       int *status, bool *reaped) {
     char chunk[kChunkSize + 1];
     ControlChannel channel;
+    long long limit = settingNumber("handler_time_limit");
+    long long budget = superviseBudgetMs(limit);
+    timespec start;
+    clock_gettime(CLOCK_MONOTONIC, &start);
+    auto elapsed = [&start] {
+        timespec now;
+        clock_gettime(CLOCK_MONOTONIC, &now);
+        return (now.tv_sec - start.tv_sec) * 1000LL + (now.tv_nsec - start.tv_nsec) / 1000000;
+    };
+    long long endedAt = -1;
     for (;;) {
+        long long left = budget < 0 ? 100 : budget - elapsed();
+        if (endedAt >= 0)
+            left = std::min(left < 0 ? kLingerMs : left, kLingerMs - (elapsed() - endedAt));
+        if (!*reaped) {
+            pid_t got = waitpid(pid, status, WNOHANG | WUNTRACED);
+            if (got == pid) {
+                *reaped = true;
+                endedAt = elapsed();
+            }
+        }
+        if (budget >= 0 && elapsed() >= budget && !*reaped) {
+            superviseKill(pid, path, limit, status);
+            *reaped = true;
+            *verdictSeen = channel.verdictSeen;
+            return 1;
+        }
+        if (endedAt >= 0 && elapsed() - endedAt >= kLingerMs) {
+            LogFunction(4, "%s(): the handler %s has ended, but a process it started keeps its standard error "
+                           "open; its answer is taken from the lines read", "_mh_fork", path);
+            *verdictSeen = channel.verdictSeen;
+            return 2;
+        }
+        pollfd p{pipeRead, POLLIN, 0};
+        int ready = poll(&p, 1, static_cast<int>(std::max(1LL, std::min(left, 100LL))));
+        if (ready <= 0)
+            continue;
         ssize_t n = read(pipeRead, chunk, kChunkSize);
-        if (n < 0 && errno == EINTR)
+        if (n < 0 && (errno == EINTR || errno == EAGAIN))
             continue;
         if (n < 0) {
             LogFunction(3, "%s(): cannot read the handler's standard error: %s", "_mh_fork", strerror(errno));
             *verdictSeen = channel.verdictSeen;
-            return false;
+            return -1;
         }
         if (n == 0) {
             mh_control_end(&channel, outcome);
             *verdictSeen = channel.verdictSeen;
-            return true;
+            return 0;
         }
         chunk[n] = '\0';
         LogFunction(7, "handlers_stderr: %s", chunk);
@@ -117,6 +170,7 @@ HandlerOutcome *mh_forkexec(int fd_in, int fd_out, const char *path, char **args
     HandlerOutcome *outcome = mh_outcome_new();
     if (outcome == nullptr)
         return nullptr;
+    outcome->ownFault = true;  // until the handler has run
     if (fd_in >= 0 && fd_in <= 2) {
         LogFunction(3, "%s(): values 0,1,2 not allowed for variables fd_in & fd_out\n", "mh_forkexec");
         return outcome;
@@ -126,7 +180,7 @@ HandlerOutcome *mh_forkexec(int fd_in, int fd_out, const char *path, char **args
         return outcome;
     }
     int fds[2];
-    if (pipe(fds) != 0) {
+    if (pipe2(fds, O_CLOEXEC) != 0) {
         LogFunction(3, "%s(): pipe failed: %s", "_mh_fork", strerror(errno));
         return outcome;
     }
@@ -141,23 +195,34 @@ HandlerOutcome *mh_forkexec(int fd_in, int fd_out, const char *path, char **args
         runChild(fd_in, fd_out, fds[0], fds[1], path, args, env);
 
     close(fds[1]);
-    bool verdictSeen = false;
-    bool answerRead = readControlChannel(fds[0], outcome, &verdictSeen);
-    close(fds[0]);
-
+    bool verdictSeen = false, reaped = false;
     int status = 0;
-    pid_t waited;
-    do {
-        waited = waitpid(pid, &status, WUNTRACED);
-    } while (waited < 0 && errno == EINTR);
+    int answer = readControlChannel(fds[0], pid, path, outcome, &verdictSeen, &status, &reaped);
+    close(fds[0]);
+    if (answer == 1) {  // killed at its deadline: a failed run, whatever it said
+        outcome->ownFault = false;
+        outcome->verdict = ERROR;
+        return outcome;
+    }
+    pid_t waited = reaped ? pid : -1;
+    while (!reaped && (waited = waitpid(pid, &status, WUNTRACED)) < 0 && errno == EINTR) {
+    }
     if (waited < 0) {
         LogFunction(3, "%s(): Error occured during waiting the child process with pid: %d: %s\n", "_mh_fork", pid,
                     strerror(errno));
         outcome->verdict = ERROR;
         return outcome;
     }
+    outcome->ownFault = answer < 0;
     decodeStatus(pid, status, verdictSeen, outcome);
-    if (!answerRead)
+    // A stopped handler would keep its process group, and maybe our message, for good.
+    if (WIFSTOPPED(status)) {
+        kill(-pid, SIGKILL);
+        kill(pid, SIGKILL);
+        while (waitpid(pid, &status, 0) < 0 && errno == EINTR) {
+        }
+    }
+    if (answer < 0)
         outcome->verdict = ERROR;
     return outcome;
 }

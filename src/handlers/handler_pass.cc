@@ -6,6 +6,10 @@
 #include <cstdlib>
 #include <cstring>
 #include <fcntl.h>
+#include <sys/stat.h>
+#include <sys/statvfs.h>
+
+#include <string>
 #include <strings.h>
 #include <iterator>
 #include <unistd.h>
@@ -15,6 +19,7 @@
 #include "handlers/addresses.h"
 #include "handlers/forkexec.h"
 #include "handlers/pass_steps.h"
+#include "handlers/policy.h"
 #include "handlers/registry.h"
 
 namespace {
@@ -23,7 +28,22 @@ namespace {
 const size_t kTmpPathBufferSize = 4096;
 const char kAllRecipients[] = "all-recipients";
 
-bool stopsThePass(int status) { return status == DS_DISCARDED || status == DS_REJECTED || status == DS_CONGESTED; }
+// A failed handler (DS_INTERNAL_ERROR) reaches here only when its failure
+// defers; ferndrop's own failures and a full spool always do.
+bool stopsThePass(int status) {
+    return status == DS_DISCARDED || status == DS_REJECTED || status == DS_CONGESTED ||
+           status == DS_INTERNAL_ERROR || status == DS_RESOURCES_LIMITED || status == DS_DISK_EXHAUSTED;
+}
+
+// Below this much room for the spool, a handler's output may have been cut
+// short by the full disk, and so cannot be taken for the message.
+const unsigned long long kSpoolRoomBytes = 1 << 20;
+
+bool spoolRoomLow(const char *spoolPath) {
+    struct statvfs vfs;
+    return statvfs(spoolPath, &vfs) == 0 &&
+           static_cast<unsigned long long>(vfs.f_bavail) * vfs.f_frsize < kSpoolRoomBytes;
+}
 
 int recipientCount(char **addresses) {
     int n = 0;
@@ -90,20 +110,32 @@ int callHandler(const char *name, HandlerOutcomeList *outcomes, const char *spoo
         LogFunction(3, "Unable to generate a tempfile name. Path too long");
         return DS_INTERNAL_ERROR;
     }
-    int in = open(spoolPath, O_RDONLY);
-    if (in < 0) {
-        LogFunction(3, "System error (%s): %s", spoolPath, strerror(errno));
+    std::string why;
+    if (mh_program_problem(program, why)) {
+        LogFunction(3, "The program of the '%s' handler cannot run: %s", name, why.c_str());
         return DS_INTERNAL_ERROR;
     }
-    int out = open(tmpPath, O_WRONLY | O_CREAT | O_TRUNC, 0660);
+    int in = open(spoolPath, O_RDONLY | O_CLOEXEC);
+    if (in < 0) {
+        LogFunction(3, "System error (%s): %s", spoolPath, strerror(errno));
+        return DS_RESOURCES_LIMITED;
+    }
+    int out = open(tmpPath, O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0660);
     if (out < 0) {
         LogFunction(3, "System error (%s): %s", tmpPath, strerror(errno));
         close(in);
-        return DS_INTERNAL_ERROR;
+        return DS_RESOURCES_LIMITED;
     }
     HandlerOutcome *outcome = mh_forkexec(in, out, program, args, env);
+    struct stat given, made;
+    bool emptied = fstat(in, &given) == 0 && fstat(out, &made) == 0 && given.st_size > 0 && made.st_size == 0;
     close(in);
     close(out);
+    if (outcome != nullptr && outcome->verdict == ERROR && outcome->ownFault) {
+        mh_outcome_free(outcome);
+        unlink(tmpPath);
+        return DS_RESOURCES_LIMITED;
+    }
 
     // Without an outcome there is no verdict to trust: the run failed.
     verdict = outcome != nullptr ? outcome->verdict : ERROR;
@@ -117,9 +149,17 @@ int callHandler(const char *name, HandlerOutcomeList *outcomes, const char *spoo
         mh_outcome_free(outcome);
     }
 
-    if (verdict == PASS) {
+    if (verdict == PASS && emptied) {
+        // An empty message for a non-empty one is a broken filter, not a verdict.
+        LogFunction(3, "The '%s' handler passed an empty message", name);
+        verdict = ERROR;
+    } else if (verdict == PASS && spoolRoomLow(spoolPath)) {
+        LogFunction(3, "Less than 1 MiB left for the spool: the '%s' handler's output may be cut", name);
+        unlink(tmpPath);
+        return DS_DISK_EXHAUSTED;
+    } else if (verdict == PASS) {
         LogFunction(7, "PASS during call '%s' handler", name);
-        return mh_take_over_output(tmpPath, spoolPath);
+        return mh_take_over_output(tmpPath, spoolPath) == DS_OK ? DS_OK : DS_RESOURCES_LIMITED;
     }
     int status = meaningOf(verdict).status;
     if (status == DS_INTERNAL_ERROR)
@@ -138,7 +178,10 @@ int mh_call_handler(const char *name, HandlerOutcomeList *outcomes, const char *
     int status = callHandler(name, outcomes, spoolPath, program, args, env, verdict);
     // A run that failed in any way (a PASS whose output could not be taken
     // over included) counts as ERROR, as it does for the pass.
-    runRecordAdd(RUN_HANDLERS, name, "%s", status == DS_INTERNAL_ERROR ? "ERROR" : meaningOf(verdict).word);
+    bool failed = status == DS_INTERNAL_ERROR || status == DS_RESOURCES_LIMITED || status == DS_DISK_EXHAUSTED;
+    runRecordAdd(RUN_HANDLERS, name, "%s", failed ? "ERROR" : meaningOf(verdict).word);
+    if (status == DS_INTERNAL_ERROR && !mh_failure_defers(name))
+        return DS_OK;
     return status;
 }
 
@@ -202,6 +245,15 @@ int mh_run_handlers(HandlerOutcomeList *outcomes, char **addresses, char **env, 
         LogFunction(3, "Unable to get full handlers list");
         mh_list_free(&list);
         return -1;
+    }
+    // What can be known before any runs: a program that cannot be started
+    // fails its handler.
+    for (const HandlerRecord *record : look != nullptr ? look->records : std::list<HandlerRecord *>{}) {
+        std::string why;
+        if (mh_program_problem(record->executable, why) && mh_failure_defers(record->name)) {
+            LogFunction(3, "The program of the '%s' handler cannot run: %s", record->name, why.c_str());
+            return DS_INTERNAL_ERROR;
+        }
     }
     if (look != nullptr)
         return DS_OK;

@@ -19,6 +19,7 @@ HandlerOutcome *mh_outcome_new() {
         return nullptr;
     }
     outcome->verdict = ERROR;
+    outcome->ownFault = false;
     outcome->name = nullptr;
     outcome->data = nullptr;
     return outcome;

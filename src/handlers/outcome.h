@@ -15,6 +15,9 @@ enum HandlerVerdict : uint32_t {
 
 struct HandlerOutcome {
     HandlerVerdict verdict;
+    // With ERROR: ferndrop itself could not start or hear the handler (pipe,
+    // fork, reading its answer, waiting), as opposed to the handler failing.
+    bool ownFault;
     char *name;  // owned; filled by the pass when it keeps the outcome
     char *data;  // owned; the last DATA line's text, trimmed
 };

@@ -28,7 +28,7 @@ int agentResult(pid_t pid, const char *agent) {
         while (waitpid(pid, nullptr, 0) < 0 && errno == EINTR) {
         }
     }
-    if (pid < 0 || end == CHILD_KILLED || end == CHILD_STOPPED)
+    if (pid < 0 || end == CHILD_KILLED || end == CHILD_STOPPED || end == CHILD_TIMED_OUT)
         return LDA_TRY_LATER;
     return code;
 }

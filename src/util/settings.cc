@@ -57,11 +57,20 @@ struct Row {
 // The table: every setting ferndrop reads, with its default. ferndrop(8)
 // documents each and debian/ferndrop.conf ships each commented out.
 const Row kRows[] = {
+    {"allow_program_lines", "yes", YESNO, nullptr},
+    {"allowed_paths", "none", TEXT, " \t,"},
+    {"child_time_limit", "600", NUMBER, nullptr},
+    {"confine_deliveries", "warn", CHOICE, "off|warn|on"},
     {"fold_recipient_case", "yes", YESNO, nullptr},
+    {"handler_failure", "defer", CHOICE, "defer|pass"},
+    {"handler_time_limit", "300", NUMBER, nullptr},
+    {"handlers_fail_open", "none", TEXT, " \t"},
     {"mbox_format", "mboxrd", CHOICE, "mboxrd|raw"},
     {"mbox_lock_timeout", "30", NUMBER, nullptr},
     {"mbox_locks", "fcntl,dotlock,flock", LIST, "fcntl|dotlock|flock"},
+    {"qmail_owners", "none", TEXT, " \t"},
     {"recipient_delimiter", "+", TEXT, "@/ \t"},
+    {"run_time_limit", "900", NUMBER, nullptr},
     {"state_max_age", "864000", NUMBER, nullptr},
     {"unknown_user", "bounce", CHOICE, "bounce|drop"},
 };

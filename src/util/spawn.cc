@@ -13,6 +13,8 @@
 #include <unistd.h>
 
 #include "driver/log.h"
+#include "util/settings.h"
+#include "util/supervise.h"
 #include "util/error.h"
 
 int redirect_fd(int fd, int target) {
@@ -72,6 +74,7 @@ pid_t fork_execv_pipes(int fd_in, int fd_out, int fd_err, const char *path, char
     // to the defaults (the delivery process ignores these two for itself).
     signal(SIGPIPE, SIG_DFL);
     signal(SIGXFSZ, SIG_DFL);
+    superviseChildSetup();
     errno = 0;
     execv(path, argv);
     childFailure("fork_execv: execv(\"%s\") failed: %s\n", path);
@@ -118,7 +121,13 @@ int wait_for_child(pid_t pid, const char *name, ChildEnd *end) {
     }
     int status = 0;
     errno = 0;
-    pid_t got = waitpid(pid, &status, WUNTRACED);
+    long long limit = settingNumber("child_time_limit");
+    int waited = superviseWait(pid, name, limit, superviseBudgetMs(limit), &status);
+    pid_t got = waited < 0 ? -1 : pid;
+    if (waited == 1) {
+        *end = CHILD_TIMED_OUT;
+        return -1;
+    }
     if (got < 0) {
         LogFunction(3, "waitpid(%ld) for '%s' process failed: %s (%d)", static_cast<long>(pid), name,
                     strerror(errno), errno);

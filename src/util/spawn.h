@@ -20,8 +20,10 @@ pid_t fork_execl_pipes(int fd_in, int fd_out, int fd_err, const char *path, cons
 int redirect_fd(int fd, int target);
 
 // How a child waited for ended, for callers that must tell the cases apart.
-enum ChildEnd { CHILD_NOT_WAITED, CHILD_EXITED, CHILD_KILLED, CHILD_STOPPED };
+enum ChildEnd { CHILD_NOT_WAITED, CHILD_EXITED, CHILD_KILLED, CHILD_STOPPED, CHILD_TIMED_OUT };
 
 // Exit status 0..255 of a normally ended child, else -1 (logged). end, when
 // given, is set to how the child ended; a stopped child is left as it is.
+// The wait is bounded by child_time_limit and the run's own limit (see
+// util/supervise.h): a child killed there ends as CHILD_TIMED_OUT.
 int wait_for_child(pid_t pid, const char *name, ChildEnd *end = nullptr);

@@ -1,7 +1,7 @@
 """The delivery as the transfer agent sees it: one row per case (fixture, command line, input) with the exit status,
 status line, log lines and stores it must leave. Cases that need more than one run follow the table."""
 import fcntl, json, os, re, resource, sqlite3, subprocess, sys, time
-from harness import BIN, MSG, KEY, R, S, SPOOL, STATE, REGISTRY, TEXT, check, expect, in_mbox, main
+from harness import BIN, MSG, KEY, R, S, SPOOL, STATE, REGISTRY, TEXT, check, expect, in_mbox, main, mount
 from sweeps import JOB, job
 
 P = "{p}"  # the mailnames directory, in args
@@ -18,6 +18,10 @@ CUT = ("import ctypes, fcntl, os, sys, termios, time\nctypes.CDLL(None).prctl(36
        " os.write(w, sys.stdin.buffer.read()[:60])\n while fcntl.ioctl(w, termios.FIONREAD, b'    ') != b'\\0' * 4:"
        " time.sleep(0.01)\n os.kill(os.getpid(), 9)\nos.wait()\nsys.exit(os.waitstatus_to_exitcode(os.wait()[1]))")
 STAMP = 'echo "X-$(basename $0): 1"; cat'  # a handler passing the message on under a header of its own
+CONF = "/etc/ferndrop/ferndrop.conf"
+# A handler writing the descriptors it was started with (none of its own listing's), then passing.
+FDS = """exec python3 -S -c "import os, sys; fds = ' '.join(sorted((n for n in os.listdir('/proc/self/fd')
+if os.path.exists('/proc/self/fd/' + n)), key=int)); open('{d}/hfds', 'w').write(fds); sys.stderr.write('SKIP')" """
 
 
 def row(status, *logs, args=None, rcpt=R, msg=MSG, qmail=None, qmode=0o644, h=(), files=(), rm=(), env=(),
@@ -91,10 +95,12 @@ def deliver_all(w, r):
     check(in_mbox(w.read(w.dir + "/abs.mbox"), MSG) and w.record() is None and os.path.exists(STATE), "abs/state")
     modes = [os.stat(f).st_mode & 0o777 for f in w.files("Maildir/new") + [w.path("mbox"), STATE]]
     check(modes == [0o600, 0o640, 0o600], f"modes {modes}")
+    check(f"4 The line {w.dir}/abs.mbox writes outside the mailbox directory" in r.log, "no warning", r)
 
 
 def forward_env(w, r):
     [c] = w.calls()
+    check(w.read(w.dir + "/hfds") == "0 1 2", f"the handler inherited {w.read(w.dir + '/hfds')}")
     check(c["argv"] == f"-i\n-bm\n-f\n{S}\n-t\n" and c["stdin"] == MSG and c["fds"] == "0 1 2 ", f"call {c}")
     digest = subprocess.run(["xxhsum", "-H2", "-"], input=MSG.encode(), capture_output=True).stdout.split()[0].decode()
     check(f"QX_SENDER_EMAIL={R}\n" in c["env"] and f"DELIVERED_TO={R}\n" in c["env"] and
@@ -177,7 +183,7 @@ CASES = {
     "all_line_kinds": row(0, qmail="# note\n\n  \t \n&  spaced@example.net\nplain@example.net   # note\ndir/\n"
                              "|   cat > out   \n./Maildir/\n./mbox\n{d}/abs.mbox", then=deliver_all,
                           setup=lambda w: (os.chmod(w.path("Maildir/new"), 0o700), os.chmod(w.box, 0o750))),
-    "forward_environment": row(0, env=[("QX_SENDER_EMAIL", "preset")], then=forward_env,
+    "forward_environment": row(0, env=[("QX_SENDER_EMAIL", "preset")], then=forward_env, h=[(1, R, FDS)],
                                pre=["sh", "-c", 'exec 7>&2 "$@"', "-"],  # a descriptor the transfer agent left open
                                qmail='|echo "[${QX_SENDER_EMAIL-unset}]" > before\n&\n'
                                      '|echo "[${QX_SENDER_EMAIL-unset}]" > after\n'),
@@ -291,14 +297,38 @@ CASES = {
     "handler_defer": row(75, h=[(1, R, "echo 'DEFER 4.2.2' >&2; exit 1")], out="4.4.5 Mail system is congested\n"),
     "handler_reject": row(69, h=[(1, R, "echo REJECT >&2; exit 1")]),
     "handlers_broken_passed_over": row(0, "3 Error during 'h1' handler", "3  said", "3 Error during 'h2' handler",
-                                       "3 Error during 'h3' handler", "3 Error during 'gone' handler",
-                                       qmail="|cat > out\n", h=[
+                                       "3 Error during 'h3' handler", "3 The program of the 'gone' handler cannot run: No such file or directory",
+                                       "3 The 'h4' handler passed an empty message",
+                                       files=[(CONF, "handler_failure pass\n")], qmail="|cat > out\n", h=[
                                            (1, R, "echo partial; echo 'LOG said' >&2; exit 3", 1),
                                            (1, R, "echo partial; echo STOP >&2; kill -9 $$", 2),
-                                           (1, R, "exit 255", 3), (1, R, STAMP, 4, 1, "c", "good")],
+                                           (1, R, "exit 255", 3), (1, R, "exec cat > /dev/null", 3),
+                                           (1, R, STAMP, 4, 1, "c", "good")],
                                        setup=lambda w: sqlite3.connect(REGISTRY, isolation_level=None).execute(
                                            "INSERT INTO handlers VALUES (2,1,1,3,'gone',?,'/none','',0)", (R,)),
                                        then=lambda w, r: delivered(w, "X-good: 1\n" + MSG)),
+    # A failing filter defers, unless the host or the handler's listing says pass over it
+    "handler_missing_defers": row(75, "3 The program of the 'gone' handler cannot run: No such file or directory",
+                                  out="4.3.0 Internal mail system problems\n", setup=lambda w: sqlite3.connect(
+                                      REGISTRY, isolation_level=None).execute(
+                                      "INSERT INTO handlers VALUES (2,1,1,3,'gone',?,'/none','',0)", (R,))),
+    "handler_empty_defers": row(75, "3 The 'h1' handler passed an empty message", h=[(1, R, "exec cat > /dev/null")],
+                                out="4.3.0 Internal mail system problems\n"),
+    "handler_fail_open": row(0, files=[(CONF, "handlers_fail_open av,h1\n")], qmail="|cat > out\n",
+                             h=[(1, R, "kill -9 $$")], then=lambda w, r: delivered(w, MSG)),
+    "handler_output_on_full_spool": row(75, "3 Less than 1 MiB left for the spool: the 'h1' handler's output may be "
+                                        "cut", h=[(1, R, STAMP)], out="4.3.1 Mail system disk resources exhausted\n",
+                                        setup=lambda w: mount("tmpfs", SPOOL, "tmpfs", 0, "size=512k")),
+    # What a .qmail may do: its owner must be trusted, its stores may be confined, its programs disallowed
+    "qmail_foreign_owner": row(75, "3 File .qmail belongs to 4321, who may not give this mailbox instructions\n",
+                               qmail="|cat > out\n", setup=lambda w: os.chown(w.path(".qmail"), 4321, 4321)),
+    "qmail_confined": row(75, "3 The line ../bob/mbox writes outside the mailbox directory: refused",
+                          files=[(CONF, "confine_deliveries on\nallowed_paths /srv:/var/mail\n")],
+                          qmail="./Maildir/\n../bob/mbox\n",
+                          then=lambda w, r: check(len(new(w)) == 1 and not os.path.exists(w.path("../bob/mbox")),
+                                                  "confined")),
+    "qmail_programs_disallowed": row(75, "3 Program lines are not allowed (allow_program_lines no): cat > out",
+                                     files=[(CONF, "allow_program_lines no\n")], qmail="|cat > out\n"),
     "registry_without_table": row(0, qmail="|cat > out\n", files=[(REGISTRY, b"")],
                                   then=lambda w, r: delivered(w, MSG)),
     "registry_missing": row(75, f"3 Unable to open database(readonly) {REGISTRY}: unable to open database file",
@@ -354,6 +384,28 @@ def children_default_signals(w):
     for child in ("handler", "sendmail", "program", "agent"):
         mask = int(w.read(f"{w.dir}/{child}").split()[1], 16)
         check(not mask & (1 << 12 | 1 << 24), f"{child} ignores SIGPIPE or SIGXFSZ: {mask:x}")
+
+
+def deadlines(w):
+    """A handler that never ends and a program line that never ends are killed at their limits, and a handler whose
+    background child keeps its standard error open is heard for 5 more seconds: each in seconds, not hours."""
+    w.write(CONF, "handler_time_limit 2\nchild_time_limit 2\n")
+    w.handler(1, R, "sleep 60")
+    start = time.time()
+    expect(w.run(), 75, f"3 {w.dir}/handlers/h1 exceeded its time limit of 2 seconds; killed",
+           out="4.3.0 Internal mail system problems\n")
+    sqlite3.connect(REGISTRY, isolation_level=None).execute("DELETE FROM handlers")
+    w.write(".qmail", "./Maildir/\n|sleep 60\n")
+    expect(w.run(), 75, "3 the program line exceeded its time limit of 2 seconds; killed")
+    check(w.record() == "./Maildir/\n", f"record {w.record()!r}")
+    w.write(CONF, "run_time_limit 1\n")
+    expect(w.run(), 75, "3 the program line exceeded its time limit of 1 seconds; killed")
+    w.write(CONF, "")
+    os.unlink(w.path(".qmail"))
+    w.handler(1, R, "(sleep 60 &); echo SKIP >&2")
+    expect(w.run(), 0, f"4 _mh_fork(): the handler {w.dir}/handlers/h2 has ended, but a process it started keeps its "
+                       "standard error open; its answer is taken from the lines read")
+    check(time.time() - start < 20, f"took {time.time() - start:.0f} s")
 
 
 def settings_documented(w):
@@ -531,14 +583,14 @@ def maildir_new_synced(w):
     """Exit 0 means the message is in new on disk: a failed sync of new defers, and the retry stores one copy."""
     w.write(".qmail", "./Maildir/\n")
     noid = "Subject: x\n\nbody\n"
-    expect(w.run(msg=noid, pre=STRACE + ["trace=fsync", "-e", "inject=fsync:error=EIO:when=3"]), 75,
+    expect(w.run(msg=noid, pre=STRACE + ["trace=fsync", "-e", "inject=fsync:error=EIO:when=2"]), 75,
            "3 System error: Input/output error\n")
     check(not new(w), "left in new")
     expect(w.run(msg=noid), 0)
     check(len(new(w)) == 1, "copies after the retry")
 
 
-CASES.update(address_extensions=address_extensions, settings_documented=settings_documented,
+CASES.update(address_extensions=address_extensions, settings_documented=settings_documented, deadlines=deadlines,
              exit_code_table=exit_code_table, children_default_signals=children_default_signals,
              retry_skips_served_lines=retry_skips_served_lines, pid_namespaces=pid_namespaces_keep_every_copy,
              mbox_shared=mbox_shared_with_readers, record_per_message=record_per_message,

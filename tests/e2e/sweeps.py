@@ -12,7 +12,9 @@ STORES = ["sendmail", "program", "maildir", "mbox"]
 JOB = f"From: {S}\nTo: {R}\nMessage-ID: <fault.1@example.org>\n\n" + "".join(
     f"body line {i} {chr(97 + i % 26) * 48}\n" for i in range(150))
 STAMPED = "X-Stamped: yes\n" + JOB
-OK_TEXTS = {f"{t}\n" for t in TEXT.values()} | {"", "4.6.0 Unable to read message content\n"}
+OK_TEXTS = {f"{t}\n" for t in TEXT.values()} | {"", "4.6.0 Unable to read message content\n"} | {
+    "4.3.0 Internal mail system problems\n", "4.3.1 Mail system disk resources exhausted\n",
+    "4.3.2 Local delivery is temporarily disabled due to system resources limitations\n"}
 
 
 def job(w, qmail="\n".join(LINES) + "\n"):
@@ -140,7 +142,8 @@ def full_disks(w):
     for target in (SPOOL, w.box + "/Maildir", w.box + "/full"):
         reset(w)
         os.makedirs(target, exist_ok=True)
-        mount("tmpfs", target, "tmpfs", 0, "size=64k")
+        # The spool needs 1 MiB to spare once a handler's output is to be taken over.
+        mount("tmpfs", target, "tmpfs", 0, "size=2m" if target == SPOOL else "size=64k")
         for sub in ("tmp", "new", "cur"):
             os.makedirs(w.box + "/Maildir/" + sub, exist_ok=True)
         w.write(w.box + "/full/mbox", "earlier\n\n")
