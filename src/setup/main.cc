@@ -29,6 +29,7 @@
 #include "handlers/registry.h"
 #include "paths.h"
 #include "util/directories.h"
+#include "version.h"
 
 namespace {
 
@@ -152,6 +153,9 @@ int main(int argc, char **argv) {
         std::string a = argv[i];
         if ((a == "--root" || a == "--user") && i + 1 < argc) {
             (a == "--root" ? root : user) = argv[++i];
+        } else if (a == "--version") {
+            printf("ferndrop-setup %s\n", FERNDROP_VERSION);
+            return 0;
         } else if (a == "-h" || a == "--help") {
             usage(stdout);
             return 0;

@@ -181,10 +181,10 @@ CASES = {
                        then=lambda w, r: check(r.err == b".qmail has prog delivery but has x bit set. (#4.7.0)\n"
                                                and len(w.calls()) == 1 and w.record() == "&bob@example.net\n", "x bit")),
     "program_exit_77": row(77, qmail="|exit 77\n"),
-    "program_exit_100": row(71, qmail="|exit 100\n"),
+    "program_exit_100": row(71, "4 program exited 100: exit 100", qmail="|exit 100\n"),
     "program_exit_99_stops": row(0, qmail="./Maildir/\n|exit 99\n./mbox\n",
                                  then=lambda w, r: check(len(new(w)) == 1 and not os.path.exists(w.path("mbox")), "99")),
-    "program_killed": row(75, qmail="|kill -9 $$\n./Maildir/\n", then=lambda w, r: check(not new(w), "went on")),
+    "program_killed": row(75, "4 program killed by signal 9: kill -9 $$", qmail="|kill -9 $$\n./Maildir/\n", then=lambda w, r: check(not new(w), "went on")),
     "mbox_unopenable": row(75, "3 Unable to open ./nodir/mbox: No such file or directory. (#4.2.1)\n",
                            qmail="./nodir/mbox\n"),
     "maildir_without_tmp": row(75, qmail="./Maildir/\n", rm=["Maildir/tmp"]),
