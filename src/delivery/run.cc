@@ -53,6 +53,21 @@ ExitLine finish(const char *spoolPath, ExitLine line, const RunLook *look) {
     return line;
 }
 
+// The mailname before its first delimiter, when it has one after its first
+// character; empty otherwise, and with extensions turned off.
+std::string baseMailname(const char *mailname, std::string &extension) {
+    const std::string &delimiters = settingText("recipient_delimiter");
+    if (delimiters == "none" || mailname[0] == '\0')
+        return "";
+    size_t cut = strcspn(mailname + 1, delimiters.c_str()) + 1;
+    if (mailname[cut] == '\0')
+        return "";
+    extension = mailname + cut + 1;
+    return std::string(mailname, cut);
+}
+
+}  // namespace
+
 // The recipient as every later step sees it: the domain in lower case
 // without one trailing dot, and the mailname in lower case too unless the
 // settings keep its case.
@@ -68,21 +83,6 @@ std::string canonicalRecipient(const char *received) {
         address.pop_back();
     return address;
 }
-
-// The mailname before its first delimiter, when it has one after its first
-// character; empty otherwise, and with extensions turned off.
-std::string baseMailname(const char *mailname, std::string &extension) {
-    const std::string &delimiters = settingText("recipient_delimiter");
-    if (delimiters == "none" || mailname[0] == '\0')
-        return "";
-    size_t cut = strcspn(mailname + 1, delimiters.c_str()) + 1;
-    if (mailname[cut] == '\0')
-        return "";
-    extension = mailname + cut + 1;
-    return std::string(mailname, cut);
-}
-
-}  // namespace
 
 ExitLine runDelivery(const DeliveryRequest &request, RunLook *look) {
     superviseRunStart();

@@ -50,5 +50,9 @@ struct RunLook {
     ~RunLook();
 };
 
+// The recipient as every step sees it: the domain lower-cased without a
+// trailing dot, the mailname lower-cased unless fold_recipient_case is no.
+std::string canonicalRecipient(const char *received);
+
 // The line to exit with. look null: the real delivery.
 ExitLine runDelivery(const DeliveryRequest &request, RunLook *look = nullptr);

@@ -62,6 +62,13 @@ int deliverProgram(const char *messagePath, const char *command, const char *wor
         LogFunction(3, "LOG Unable to get child exit code: %s", strerror(errno));
         return DR_TEMPORARY;
     }
+    // The deferral or bounce the transfer agent reports names no program;
+    // this line is where the support desk learns which one and why.
+    if (WIFSIGNALED(status) || WIFSTOPPED(status))
+        LogFunction(4, "program %s by signal %d: %s", WIFSIGNALED(status) ? "killed" : "stopped",
+                    WIFSIGNALED(status) ? WTERMSIG(status) : WSTOPSIG(status), command);
+    else if (WEXITSTATUS(status) != 0 && WEXITSTATUS(status) != 99)
+        LogFunction(4, "program exited %d: %s", WEXITSTATUS(status), command);
     if (!WIFEXITED(status)) {
         // errno is still the cleared 0 here, so the line reads "Success":
         // there is no system error to name, only an abnormal end.

@@ -22,6 +22,7 @@
 #include "delivery/run.h"
 #include "driver/log.h"
 #include "explain/print.h"
+#include "version.h"
 
 namespace {
 
@@ -32,7 +33,8 @@ void usage(FILE *to) {
 }  // namespace
 
 int main(int argc, char **argv) {
-    static const option kLong[] = {{"json", no_argument, nullptr, 'j'}, {"help", no_argument, nullptr, 'h'}, {}};
+    static const option kLong[] = {{"json", no_argument, nullptr, 'j'}, {"help", no_argument, nullptr, 'h'},
+                                     {"version", no_argument, nullptr, 'V'}, {}};
     std::string sender, recipient, mailnames;
     bool json = false, haveSender = false;
     for (int c; (c = getopt_long(argc, argv, "f:d:p:h", kLong, nullptr)) != -1;) {
@@ -52,6 +54,9 @@ int main(int argc, char **argv) {
             break;
         case 'h':
             usage(stdout);
+            return 0;
+        case 'V':
+            printf("ferndrop-explain %s\n", FERNDROP_VERSION);
             return 0;
         default:
             usage(stderr);

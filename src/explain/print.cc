@@ -85,11 +85,7 @@ void table(const std::vector<std::vector<std::string>> &rows) {
     }
 }
 
-const char *const kHandlerKinds[] = {"sender", "recipient", "sender-domain", "recipient-domain", "global"};
-
-const char *kindOf(const HandlerRecord *r) {
-    return r->type >= 0 && r->type <= MH_TYPE_GLOBAL ? kHandlerKinds[r->type] : "unknown";
-}
+const char *kindOf(const HandlerRecord *r) { return mh_kind_name(r->type); }
 
 std::string str(const char *s) { return s != nullptr ? s : ""; }
 

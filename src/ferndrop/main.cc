@@ -18,6 +18,7 @@
 #include "delivery/run.h"
 #include "driver/log.h"
 #include "driver/run_record.h"
+#include "version.h"
 
 namespace {
 
@@ -104,6 +105,11 @@ void occupyStandardDescriptors() {
 int main(int argc, char **argv) {
     // Before anything else: the parent may die while the message comes in.
     const int parentAtStart = static_cast<int>(getppid());
+    // Asked by people, not by the transfer agent: no log line, no run.
+    if (argc == 2 && strcmp(argv[1], "--version") == 0) {
+        printf("%s %s\n", kProgramName, FERNDROP_VERSION);
+        return 0;
+    }
     occupyStandardDescriptors();
     // A write beyond the file size limit must fail with EFBIG, so that the
     // mbox rollback and the spool clean-up run, rather than kill the process

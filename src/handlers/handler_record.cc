@@ -14,6 +14,8 @@
 
 namespace {
 
+const char *const kKinds[] = {"sender", "recipient", "sender-domain", "recipient-domain", "global"};
+
 // An absent string stays absent; a failed copy reports false.
 bool copyString(const char *source, char **target) {
     *target = nullptr;
@@ -88,4 +90,13 @@ void mh_list_free(HandlerList *list) {
     for (HandlerRecord *record : list->records)
         mh_record_free(record);
     list->records.clear();
+}
+
+const char *mh_kind_name(int type) { return type >= 0 && type <= MH_TYPE_GLOBAL ? kKinds[type] : "unknown"; }
+
+MH_TYPE mh_kind_of(const char *word) {
+    for (int type = 0; type <= MH_TYPE_GLOBAL; type++)
+        if (strcmp(word, kKinds[type]) == 0)
+            return static_cast<MH_TYPE>(type);
+    return MH_TYPE_UNSET;
 }

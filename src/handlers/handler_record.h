@@ -16,6 +16,12 @@ enum MH_TYPE : int32_t {
     MH_TYPE_UNSET = 5,
 };
 
+// The word for a type that people read and type: "sender", "recipient",
+// "sender-domain", "recipient-domain", "global"; "unknown" for any other.
+const char *mh_kind_name(int type);
+// The type a word names, or MH_TYPE_UNSET.
+MH_TYPE mh_kind_of(const char *word);
+
 // The strings are owned by the record (malloc'd); null means absent.
 struct HandlerRecord {
     int32_t priority;

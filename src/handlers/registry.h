@@ -37,6 +37,10 @@ int mh_get_sender_domain_handlers(sqlite3 *db, HandlerList *list, char **address
 // failure stay.
 int mh_select_handlers(sqlite3 *db, HandlerList *list, const HandlerRecord *key);
 
+// Whether a global row's address is one the gathering asks for ("all",
+// "all-recipients"); rows under any other are never run.
+bool mh_global_address(const char *address);
+
 // Adds every row, whole, whose address has exactly the domain of address
 // (the text after its first "@", or all of it). 0 or -1 (logged).
 int mh_find_domain_handlers(sqlite3 *db, HandlerList *list, const char *address);

@@ -29,12 +29,8 @@ bool addressText(const HandlerRecord *key, char (&text)[kAddressBufferSize]) {
         snprintf(text, sizeof text, "%s", key->address != nullptr ? key->address : "(null)");
         return true;
     }
-    if (key->address == nullptr || strcmp(key->address, kAll) == 0) {
-        snprintf(text, sizeof text, "%s", kAll);
-        return true;
-    }
-    if (strcmp(key->address, kAllRecipients) == 0) {
-        snprintf(text, sizeof text, "%s", kAllRecipients);
+    if (key->address == nullptr || mh_global_address(key->address)) {
+        snprintf(text, sizeof text, "%s", key->address != nullptr ? key->address : kAll);
         return true;
     }
     LogFunction(3, "Incorrect recipient address for global handler `%s', expected [NULL|%s|%s]", key->address, kAll,
@@ -103,6 +99,10 @@ struct ReusedSelect {
 ReusedSelect reused;
 
 }  // namespace
+
+bool mh_global_address(const char *address) {
+    return address != nullptr && (strcmp(address, kAll) == 0 || strcmp(address, kAllRecipients) == 0);
+}
 
 void mh_begin_select_reuse(sqlite3 *db) {
     mh_end_select_reuse();

@@ -10,7 +10,7 @@
 // existing registry keeps its rows and only gets its owner and mode back.
 // --root (or DESTDIR) puts the tree under another root, for staging trees and
 // test namespaces; the user and the group are always those of the running
-// system.
+// system. --check and --recipient-map only look (setup/checks.h).
 #include <grp.h>
 #include <pwd.h>
 #include <sys/stat.h>
@@ -28,7 +28,9 @@
 #include "driver/log.h"
 #include "handlers/registry.h"
 #include "paths.h"
+#include "setup/checks.h"
 #include "util/directories.h"
+#include "version.h"
 
 namespace {
 
@@ -37,10 +39,13 @@ const char kDefaultUser[] = "popuser";
 
 void usage(FILE *to) {
     fprintf(to,
-            "usage: ferndrop-setup [--root DIR] [--user USER]\n"
+            "usage: ferndrop-setup [--root DIR] [--user USER] [--check]\n"
+            "       ferndrop-setup --recipient-map MAILNAMES_DIR\n"
             "  --root DIR   lay the tree out under DIR (default: $DESTDIR, else /)\n"
             "  --user USER  the delivery user the transfer agent runs ferndrop as (default: popuser;\n"
-            "               created as a system user with primary group popuser when missing)\n");
+            "               created as a system user with primary group popuser when missing)\n"
+            "  --check      change nothing; one line per item, exit 1 when a delivery would fail\n"
+            "  --recipient-map DIR  print \"address OK\" for every mailbox, for Postfix's virtual_mailbox_maps\n");
 }
 
 int run(const std::vector<std::string> &argv) {
@@ -148,10 +153,19 @@ int registry(const std::string &path, gid_t gid) {
 int main(int argc, char **argv) {
     std::string root = getenv("DESTDIR") != nullptr ? getenv("DESTDIR") : "";
     std::string user = kDefaultUser;
+    bool check = false;
     for (int i = 1; i < argc; i++) {
         std::string a = argv[i];
         if ((a == "--root" || a == "--user") && i + 1 < argc) {
             (a == "--root" ? root : user) = argv[++i];
+        } else if (a == "--recipient-map" && i + 1 < argc) {
+            logInit("stderr", 6, LOG_MAIL, 0, "ferndrop-setup");
+            return printRecipientMap(argv[i + 1]);
+        } else if (a == "--check") {
+            check = true;
+        } else if (a == "--version") {
+            printf("ferndrop-setup %s\n", FERNDROP_VERSION);
+            return 0;
         } else if (a == "-h" || a == "--help") {
             usage(stdout);
             return 0;
@@ -162,6 +176,10 @@ int main(int argc, char **argv) {
     }
     while (!root.empty() && root.back() == '/')
         root.pop_back();
+    if (check) {
+        logInit("stderr", 6, LOG_MAIL, 0, "ferndrop-setup");
+        return checkInstallation(root, user);
+    }
     if (geteuid() != 0) {
         fprintf(stderr, "ferndrop-setup: must run as root (it sets owners)\n");
         return 77;

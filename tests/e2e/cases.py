@@ -1,6 +1,6 @@
 """The delivery as the transfer agent sees it: one row per case (fixture, command line, input) with the exit status,
 status line, log lines and stores it must leave. Cases that need more than one run follow the table."""
-import fcntl, json, os, re, resource, sqlite3, subprocess, sys, time
+import fcntl, grp, json, os, re, resource, sqlite3, subprocess, sys, time
 from harness import BIN, MSG, KEY, R, S, SPOOL, STATE, REGISTRY, TEXT, check, expect, in_mbox, main, mount
 from sweeps import JOB, job
 
@@ -8,6 +8,7 @@ P = "{p}"  # the mailnames directory, in args
 READ = "4.6.0 Unable to read message content\n"
 LDA, COURIER = "/usr/libexec/dovecot/dovecot-lda", "/usr/bin/deliverquota"
 EXPLAIN = os.path.join(os.path.dirname(BIN), "ferndrop-explain")
+HANDLERS = os.path.join(os.path.dirname(BIN), "ferndrop-handlers")
 STRACE = ["strace", "-o", "/dev/null", "-e"]
 FSIZE = lambda: resource.setrlimit(resource.RLIMIT_FSIZE, (1 << 20, resource.RLIM_INFINITY))
 USAGE = '5 ferndrop usage: ferndrop -f <sender> -d <recipient> -p <mailnames dir>'
@@ -199,10 +200,10 @@ CASES = {
                        then=lambda w, r: check(r.err == b".qmail has prog delivery but has x bit set. (#4.7.0)\n"
                                                and len(w.calls()) == 1 and w.record() == "&bob@example.net\n", "x bit")),
     "program_exit_77": row(77, qmail="|exit 77\n"),
-    "program_exit_100": row(71, qmail="|exit 100\n"),
+    "program_exit_100": row(71, "4 program exited 100: exit 100", qmail="|exit 100\n"),
     "program_exit_99_stops": row(0, qmail="./Maildir/\n|exit 99\n./mbox\n",
                                  then=lambda w, r: check(len(new(w)) == 1 and not os.path.exists(w.path("mbox")), "99")),
-    "program_killed": row(75, qmail="|kill -9 $$\n./Maildir/\n", then=lambda w, r: check(not new(w), "went on")),
+    "program_killed": row(75, "4 program killed by signal 9: kill -9 $$", qmail="|kill -9 $$\n./Maildir/\n", then=lambda w, r: check(not new(w), "went on")),
     "mbox_unopenable": row(75, "3 Unable to open ./nodir/mbox: No such file or directory. (#4.2.1)\n",
                            qmail="./nodir/mbox\n"),
     "maildir_without_tmp": row(75, qmail="./Maildir/\n", rm=["Maildir/tmp"]),
@@ -512,6 +513,32 @@ def setup_layout(w):
     check(list(modes.values()) == ["0o750", "0o755", "0o640", "0o750"], f"modes {modes}")
 
 
+def handlers_command(w):
+    """ferndrop-handlers lays a missing registry out as setup does, lists each address's handlers in the order a
+    delivery runs them (disabled ones marked off), and a disabled handler stops running."""
+    tool = lambda *a: w.run(list(a), bin=HANDLERS)
+    os.unlink(REGISTRY)
+    subprocess.run("getent group popuser || groupadd --system popuser", shell=True, check=True, capture_output=True)
+    w.write(".qmail", "|cat > out\n")
+    for kind, address, name, prio in [("recipient", "Alice@example.com", "late", "20"), ("global", "all", "glob", "0"),
+                                      ("recipient", R, "early", "10"), ("recipient", R, "off", "5")]:
+        w.write(f"{w.dir}/{name}", "#!/bin/sh\n" + STAMP, 0o755)
+        expect(tool("add", "--priority", prio, *["--disabled"][:name == "off"], kind, address, name, f"{w.dir}/{name}",
+                    "c"), 0)
+    st = os.stat(REGISTRY)
+    check((oct(st.st_mode & 0o7777), st.st_uid, grp.getgrgid(st.st_gid).gr_name) == ("0o640", 0, "popuser"), "mode")
+    check(tool("add", "recipient", R, "off", f"{w.dir}/off", "c").status == 1, "added twice")
+    rows = [l.split("\t")[1:6] for l in tool("list").out.splitlines()[1:]]
+    check(rows == [["recipient", "Alice@example.com", "1", "10", "early"], ["recipient", "Alice@example.com", "2", "20",
+                   "late"], ["recipient", "Alice@example.com", "off", "5", "off"], ["global", "all", "1", "0", "glob"]],
+          f"list {rows}")
+    expect(w.run(), 0)
+    delivered(w, "X-glob: 1\nX-late: 1\nX-early: 1\n" + MSG)
+    expect(tool("disable", "recipient", R, "late"), 0)
+    expect(w.run(), 0)
+    delivered(w, "X-glob: 1\nX-early: 1\n" + MSG)
+
+
 def sigpipe_on_stderr(w):
     """Standard error a pipe nobody reads: the served forward is still recorded, so the retry does not repeat it."""
     def reader_gone():
@@ -593,7 +620,7 @@ def maildir_new_synced(w):
 CASES.update(address_extensions=address_extensions, settings_documented=settings_documented, deadlines=deadlines,
              exit_code_table=exit_code_table, children_default_signals=children_default_signals,
              retry_skips_served_lines=retry_skips_served_lines, pid_namespaces=pid_namespaces_keep_every_copy,
-             mbox_shared=mbox_shared_with_readers, record_per_message=record_per_message,
+             mbox_shared=mbox_shared_with_readers, record_per_message=record_per_message, handlers_command=handlers_command,
              records_expire=records_expire, setup_layout=setup_layout, locked_registry=locked_registry_is_waited_for,
              sigpipe_on_stderr=sigpipe_on_stderr, state_database_bounded=state_database_bounded, explain=explain)
 # Under strace: the release build only (the sanitizer runtime makes system calls of its own).

@@ -48,6 +48,18 @@ want="$want $registry root:popuser 640"
 dpkg -i "$T"/ferndrop_*.deb >/dev/null
 expect "installed layout" "$(layout)" "$want"
 FERNDROP_SBIN=/usr/sbin "$here/../e2e/postfix_e2e.sh"
+expect "version" "$(ferndrop --version)" "ferndrop $(dpkg-query -W -f '${Version}' ferndrop)"
+
+# docs/postfix.md's transport, then the check: clean, and naming what a broken registry mode breaks.
+cp /etc/postfix/master.cf "$T/master.cf" && touch /etc/postfix/main.cf
+postconf -e ferndrop_destination_recipient_limit=1
+postconf -M "ferndrop/unix=ferndrop unix - n n - - pipe flags=DRXhu user=popuser:popuser null_sender= argv=/usr/sbin/"\
+'ferndrop -f ${sender} -d ${recipient} -p /var/qmail/mailnames'
+ferndrop-setup --check >"$T/check" || { cat "$T/check"; exit 1; }
+chmod 0600 "$registry"
+expect "check with the registry's mode broken" "$(ferndrop-setup --check | grep -o '^FAIL: [a-z ]*registry'; echo $?)" \
+    "$(printf 'FAIL: handler registry\nFAIL: popuser reads the handler registry\n1')"
+chmod 0640 "$registry"
 
 # The panel's registry row and the delivery state outlive an upgrade.
 sqlite3 "$registry" "INSERT INTO handlers VALUES(2,3,1,10,'kept','example.com','/bin/cat','',0)"
@@ -65,7 +77,9 @@ systemd-tmpfiles --clean "$T/aged.conf"
 expect "left by systemd-tmpfiles --clean" "$(echo $(ls "$spool" "$state"))" \
     "$spool: messageBBBBBB messageBBBBBB.tmp $state: local.db local.db.init.4343"
 
-dpkg --purge ferndrop >/dev/null
+dpkg --purge ferndrop 2>"$T/purge.err" >/dev/null
+expect "warning at removal" "$(grep -c 'master.cf still names ferndrop' "$T/purge.err")" 1
+cp "$T/master.cf" /etc/postfix/master.cf && rm -f /etc/postfix/main.cf
 tree >"$T/after"
 expect "tree after the purge" "$(diff "$T/before" "$T/after"; dpkg-query -W ferndrop 2>&1)" \
     "dpkg-query: no packages found matching ferndrop"
