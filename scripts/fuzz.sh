@@ -8,7 +8,7 @@
 set -euo pipefail
 cd "$(dirname "$0")/.."
 seconds=${1:-15}
-targets=(qmail_line conf message_id control_lines)
+targets=(qmail_line conf message_id control_lines lmtp_reply)
 
 CC=clang CXX=clang++ cmake -S . -B build/fuzz -DCMAKE_BUILD_TYPE=RelWithDebInfo \
   -DFERNDROP_FUZZ=ON -DFERNDROP_TESTS=OFF -DFERNDROP_STATIC=OFF >/dev/null

@@ -13,7 +13,7 @@ packages=(
   libxxhash-dev xxhash
   googletest libgtest-dev
   util-linux mount strace procps
-  dovecot-core dovecot-imapd
+  dovecot-core dovecot-imapd dovecot-lmtpd
   llvm-14
   clang libclang-rt-14-dev
   postfix python3 iproute2 man-db

@@ -206,7 +206,7 @@ ExitLine runDelivery(const DeliveryRequest &request, RunLook *look) {
                                   look != nullptr ? &look->qmail : nullptr);
     if (result == DR_NO_INSTRUCTIONS) {
         reached(look, "store");
-        StoreTarget to{found.base ? mailboxAddress.c_str() : canonical.c_str(), found.base ? canonical.c_str() : nullptr,
+        StoreTarget to{sender, found.base ? mailboxAddress.c_str() : canonical.c_str(), found.base ? canonical.c_str() : nullptr,
                        found.steps[1].entered.c_str(), found.steps[2].entered.c_str()};
         result = mapDeliveryCode(lda_deliver_file(spoolPath, to, "INBOX", look != nullptr ? &look->store : nullptr));
         if (look != nullptr)

@@ -20,9 +20,11 @@
 // like every code it does not list, as a temporary failure.
 const int LDA_TRY_LATER = -2;
 
-// The agent's command line as a delivery would start it, for a look.
+// The agent's command line as a delivery would start it (for LMTP the
+// route), for a look. The setting store chooses between the agent ("lda")
+// and an LMTP server (see store/lmtp.h).
 struct StoreLook {
-    const char *server = "none";  // dovecot, courier, none
+    const char *server = "none";  // dovecot, courier, lmtp, none
     std::vector<std::string> argv;
 };
 
@@ -32,6 +34,7 @@ struct StoreLook {
 // directory names the mailbox lookup entered (Courier's Maildir path is
 // built from them, never from the address text).
 struct StoreTarget {
+    const char *sender;  // "<>" for the null sender
     const char *user;
     const char *original;  // null when it is user
     const char *domainDir;

@@ -13,8 +13,10 @@
 #include "driver/run_record.h"
 #include "paths.h"
 #include "store/lda.h"
+#include "store/lmtp.h"
 #include "store/mailbox_paths.h"
 #include "store/server_type.h"
+#include "util/settings.h"
 #include "util/spawn.h"
 
 namespace {
@@ -96,8 +98,27 @@ int lda_deliver_fd(int fd, const StoreTarget &to, const char *folder, StoreLook 
 
 int lda_deliver_file(const char *path, const StoreTarget &to, const char *folder, StoreLook *look) {
     const char *recipient = to.user;
+    const std::string &route = settingText("store");
+    if (look != nullptr && route != "lda") {
+        look->server = "lmtp";
+        look->argv = {route};
+        return 0;
+    }
     if (look != nullptr)
         return lda_deliver_fd(-1, to, folder, look);
+    if (route != "lda") {
+        int fd = open(path, O_RDONLY | O_CLOEXEC);
+        if (fd < 0) {
+            LogFunction(3, "Unable to read mail message from '%s' for delivery to '%s': %s", path, recipient,
+                        strerror(errno));
+            return -1;
+        }
+        std::string said;
+        int result = lmtpDeliver(fd, route, to.sender, recipient, said);
+        close(fd);
+        runRecordAdd(RUN_STORE, (route + " " + said).c_str(), "%d", result);
+        return result;
+    }
     int fd = open(path, O_RDONLY);
     if (fd < 0) {
         int saved = errno;

@@ -45,7 +45,20 @@ bool isListOf(const std::string &v, const char *choices) {
     }
 }
 
-enum Kind { YESNO, NUMBER, CHOICE, LIST, TEXT };
+enum Kind { YESNO, NUMBER, CHOICE, LIST, TEXT, ROUTE };
+
+// "lda", "lmtp:unix:/PATH" or "lmtp:inet:HOST:PORT".
+bool isRoute(const std::string &v) {
+    if (v == "lda")
+        return true;
+    if (v.compare(0, 11, "lmtp:unix:/") == 0)
+        return v.size() > 11 && v.find_first_of(" \t") == std::string::npos;
+    if (v.compare(0, 10, "lmtp:inet:") != 0)
+        return false;
+    size_t colon = v.rfind(':');
+    return colon > 10 && colon + 1 < v.size() && isNumber(v.substr(colon + 1)) &&
+           v.find_first_of(" \t") == std::string::npos;
+}
 
 struct Row {
     const char *name;
@@ -65,6 +78,7 @@ const Row kRows[] = {
     {"handler_failure", "defer", CHOICE, "defer|pass"},
     {"handler_time_limit", "300", NUMBER, nullptr},
     {"handlers_fail_open", "none", TEXT, " \t"},
+    {"lmtp_timeout", "60", NUMBER, nullptr},
     {"mbox_format", "mboxrd", CHOICE, "mboxrd|raw"},
     {"mbox_lock_timeout", "30", NUMBER, nullptr},
     {"mbox_locks", "fcntl,dotlock,flock", LIST, "fcntl|dotlock|flock"},
@@ -72,6 +86,7 @@ const Row kRows[] = {
     {"recipient_delimiter", "+", TEXT, "@/ \t"},
     {"run_time_limit", "900", NUMBER, nullptr},
     {"state_max_age", "864000", NUMBER, nullptr},
+    {"store", "lda", ROUTE, nullptr},
     {"unknown_user", "bounce", CHOICE, "bounce|drop"},
 };
 
@@ -87,6 +102,8 @@ bool accepts(const Row &row, const std::string &v) {
         return v == "none" || isListOf(v, row.choices);
     case TEXT:
         return !v.empty() && v.find_first_of(row.choices) == std::string::npos;
+    case ROUTE:
+        return isRoute(v);
     }
     return false;
 }

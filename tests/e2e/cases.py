@@ -409,6 +409,49 @@ def deadlines(w):
     check(time.time() - start < 20, f"took {time.time() - start:.0f} s")
 
 
+def lmtp_answers(w):
+    """INBOX through an LMTP server that answers each way a server can: the protocol as sent, and every ending the
+    agents' exit language has; garbage, a dropped connection and silence defer, each with its line."""
+    import socket, threading
+    path = w.dir + "/lmtp"
+    srv = socket.socket(socket.AF_UNIX)
+    srv.bind(path), srv.listen(4)
+    heard = []
+
+    def serve(answer):
+        c, _ = srv.accept()
+        f = c.makefile("rb")
+        if answer == "garbage":
+            c.sendall(b"hello there\r\n")
+        elif answer != "silent":
+            c.sendall(b"220 lmtp ready\r\n")
+            for want in (b"LHLO", b"MAIL", b"RCPT", b"DATA"):
+                line = f.readline()
+                heard.append(line)
+                c.sendall(b"250-lmtp\r\n250 8BITMIME\r\n" if want == b"LHLO" else b"354 go\r\n" if
+                          want == b"DATA" else b"250 2.1.0 ok\r\n")
+            data = b"".join(iter(f.readline, b".\r\n"))
+            heard.append(data)
+            if answer != "drop":
+                c.sendall(answer.encode() + b"\r\n")
+        time.sleep(3 if answer == "silent" else 0.2)
+        c.close()
+
+    w.write(CONF, f"store lmtp:unix:{path}\nlmtp_timeout 2\n")
+    msg = MSG + ".leading dot\nlast line"
+    for answer, status in [("250 2.0.0 <alice@example.com> Saved", 0), ("452 4.2.2 Mailbox is full", 77),
+                           ("550 5.1.1 No such user", 71), ("451 4.3.0 Try again", 75), ("garbage", 75),
+                           ("drop", 75), ("silent", 75)]:
+        t = threading.Thread(target=serve, args=(answer,))
+        t.start()
+        r = w.run(args=["-f", "", "-d", "Alice+x@example.com", "-p", w.mailnames], msg=msg)
+        t.join()
+        check(r.status == status and r.out == TEXT.get(status, "") + "\n" * (status != 0), f"{answer}", r)
+        check(status == 0 or any("LMTP unix:" in l or f"LMTP lmtp:unix:{path}" in l for l in r.log), "no line", r)
+    check(heard[1:3] == [b"MAIL FROM:<>\r\n", f"RCPT TO:<{R}>\r\n".encode()] and heard[4] == (
+        msg.replace("\n", "\r\n").replace("\r\n.leading", "\r\n..leading") + "\r\n").encode(), f"heard {heard[:5]}")
+
+
 def settings_documented(w):
     """Every setting explain prints is shipped, commented out at its default, and has its manual entry."""
     root = os.path.dirname(os.path.dirname(os.path.dirname(os.path.abspath(__file__))))
@@ -618,6 +661,7 @@ def maildir_new_synced(w):
 
 
 CASES.update(address_extensions=address_extensions, settings_documented=settings_documented, deadlines=deadlines,
+             lmtp_answers=lmtp_answers,
              exit_code_table=exit_code_table, children_default_signals=children_default_signals,
              retry_skips_served_lines=retry_skips_served_lines, pid_namespaces=pid_namespaces_keep_every_copy,
              mbox_shared=mbox_shared_with_readers, record_per_message=record_per_message, handlers_command=handlers_command,

@@ -63,7 +63,7 @@ chown -R popuser:popuser /var/qmail/mailnames
 # groups and must reach the auth and stats sockets.
 rm -rf /etc/dovecot/conf.d
 cat >/etc/dovecot/dovecot.conf <<'EOF'
-protocols = imap
+protocols = imap lmtp
 listen = 127.0.0.1
 ssl = no
 first_valid_uid = 1
@@ -73,6 +73,14 @@ service auth {
     mode = 0660
     group = popuser
   }
+}
+service lmtp {
+  unix_listener lmtp {
+    mode = 0666
+  }
+}
+protocol lmtp {
+  postmaster_address = postmaster@example.com
 }
 service stats {
   unix_listener stats-writer {
@@ -133,7 +141,8 @@ cases = {"eightbit": (C, "alice", "Grüße, €100\n".encode() + bytes(range(0x8
          "unknown": (C, "nobody", b"Nobody lives here.\n"),
          "gone": (C, "gone", b"The table still lists gone: ferndrop bounces it.\n"),
          "dropped": (C, "gone2", b"Dropped on request, no bounce.\n"),
-         "hang": (C, "slow", b"Delivered once the hanging handler is fixed.\n")}
+         "hang": (C, "slow", b"Delivered once the hanging handler is fixed.\n"),
+         "lmtp": (C, "dave+news", b"Into dave's INBOX through Dovecot's LMTP server.\n")}
 refused = {}
 
 
@@ -156,10 +165,10 @@ def send(subjects, until=lambda: not subprocess.run(["postqueue", "-j"], capture
         time.sleep(0.2)
 
 
-send([c for c in cases if c not in ("dropped", "hang")])
+send([c for c in cases if c not in ("dropped", "hang", "lmtp")])
 os.makedirs("/etc/ferndrop", exist_ok=True)
-open("/etc/ferndrop/ferndrop.conf", "w").write("unknown_user drop\nhandler_time_limit 2\n")
-send(["dropped", "hang"], until=lambda: "status=deferred" in log())
+open("/etc/ferndrop/ferndrop.conf", "w").write("unknown_user drop\nhandler_time_limit 2\nstore lmtp:unix:/run/dovecot/lmtp\n")
+send(["dropped", "lmtp", "hang"], until=lambda: "status=deferred" in log())
 open("/usr/local/qrn/handlers/fixed", "w").close()
 subprocess.run(["postqueue", "-f"], check=True)
 send([])
@@ -180,14 +189,14 @@ for box in ["alice", "bob", "carol", "dave", "refuse", "slow"]:
         # Postfix writes the null sender, which it hands over as <>, quoted into Return-Path; a forwarded
         # copy went through sendmail again with the envelope sender kept and carries both passes' stamps.
         sender, rcpt, sent = cases[head["Subject"]]
-        to = [box + "@example.com", "bob@example.com"] if box == "dave" else ["alice@example.com"] * (
-            rcpt == "postmaster") or [rcpt.lower() + "@example.com" * ("@" not in rcpt)]
+        to = [box + "@example.com", "bob@example.com"] if box == "dave" and rcpt == "bob" else [
+            "alice@example.com"] * (rcpt == "postmaster") or [rcpt.lower() + "@example.com" * ("@" not in rcpt)]
         stamps = ["%s popuser" % t for t in to]
         if body != sent or head.get_all("X-Ferndrop-Stamp") != stamps or head["Return-Path"] != "<%s>" % sender:
             problems.append("%s in %s: want the body as sent, stamps %s, Return-Path of %r:\n%s"
                             % (head["Subject"], box, stamps, sender, raw.decode(errors="replace")))
 want = {"alice": ["eightbit", "mixedcase", "nullsender", "plus", "postmaster"], "bob": ["forward", "nullforward"],
-        "carol": ["Undelivered Mail Returned to Sender"] * 2, "dave": ["forward", "nullforward"], "slow": ["hang"]}
+        "carol": ["Undelivered Mail Returned to Sender"] * 2, "dave": ["forward", "lmtp", "nullforward"], "slow": ["hang"]}
 if (got := {box: sorted(subjects) for box, subjects in got.items()}) != want:
     problems.append("stored %s, want %s" % (got, want))
 bounce = b"".join(boxes["carol"])
@@ -199,6 +208,7 @@ text = log()
 problems += ["not in the log: " + s for s in [
     "ferndrop: from=<>, to=alice@example.com", "Unknown user: gone@example.com", "Unknown user: gone2@example.com",
     "/usr/local/qrn/handlers/bin/hang exceeded its time limit of 2 seconds; killed",
+    "LMTP lmtp:unix:/run/dovecot/lmtp: 250 2.0.0 <dave@example.com>",
     "msgid=<plus@e2e.example.org> envelope_to=alice+shop@example.com: saved mail to INBOX"] if s not in text]
 problems += ["Postfix deferred a delivery other than the hanging one"] * any(
     "status=deferred" in l and "slow@example.com" not in l for l in text.splitlines())
