@@ -66,15 +66,23 @@ int createDirectory(const char *path) {
     return result;
 }
 
-int createSchema(const char *path) {
+// The registry opened for a change, with the short busy wait; null (logged).
+sqlite3 *openForChange(const char *path, int flags) {
     sqlite3 *db = nullptr;
-    if (sqlite3_open(path, &db) != SQLITE_OK) {
+    if (sqlite3_open_v2(path, &db, flags, nullptr) != SQLITE_OK) {
         LogFunction(3, "Unable to open database %s: %s", path, mh_db_message(db));
         if (db != nullptr)
             mh_busy_close(db);
-        return -1;
+        return nullptr;
     }
     sqlite3_busy_timeout(db, kBusyTimeoutMs);
+    return db;
+}
+
+int createSchema(const char *path) {
+    sqlite3 *db = openForChange(path, SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE);
+    if (db == nullptr)
+        return -1;
     char *message = nullptr;
     int answer = SQLITE_OK;
     int paused = mh_busy_exec(db, kCreationScript, &message, &answer);
@@ -130,14 +138,9 @@ int mh_create_db() {
 }
 
 int mh_add_caseless_index(const char *path) {
-    sqlite3 *db = nullptr;
-    if (sqlite3_open_v2(path, &db, SQLITE_OPEN_READWRITE, nullptr) != SQLITE_OK) {
-        LogFunction(3, "Unable to open database %s: %s", path, mh_db_message(db));
-        if (db != nullptr)
-            mh_busy_close(db);
+    sqlite3 *db = openForChange(path, SQLITE_OPEN_READWRITE);
+    if (db == nullptr)
         return -1;
-    }
-    sqlite3_busy_timeout(db, kBusyTimeoutMs);
     char *message = nullptr;
     int answer = SQLITE_OK;
     int paused = mh_busy_exec(db, kCaselessIndex, &message, &answer);
