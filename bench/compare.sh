@@ -9,14 +9,16 @@
 # (callgrind) and peak resident memory (GNU time).
 #
 # Rows:
-#   minimal        bench/minimal.c: spool (fsync), copy into tmp (fsync), rename,
+#   minimal        bench/minimal.c: spool, copy into tmp (fsync), rename,
 #                  fsync of new
 #   ferndrop       no handler applies (registry of 1,000 rows), .qmail with one
 #                  maildir line
 #   ferndrop+lda   no .qmail: INBOX through Dovecot's LDA
 #   lda            Dovecot's LDA alone (dovecot-lda -d)
-#   minimal+lda    bench/minimal.c --then: synced spool file, then Dovecot's LDA
+#   minimal+lda    bench/minimal.c --then: spool file, then Dovecot's LDA
 #                  reading it, the floor for any agent in front of the LDA
+#   ferndrop+lmtp  no .qmail: INBOX through Dovecot's LMTP server (store lmtp:unix:...)
+#   lmtp           bench/minimal.c --lmtp: the smallest LMTP client, the same server
 #   procmail       rc file with a maildir DEFAULT
 #   maildrop       filter file with one maildir "to"
 #   cat+sync       sh -c 'cat > file && sync file'
@@ -122,7 +124,7 @@ COMMIT;"
   chown "$bench_uid:$bench_gid" "$S/spool" "$S/kavra/local"
 
   # Mailboxes: one per program, all alike.
-  for box in box inbox lda mlda min pm md cat; do mkdir -p "$M/bench.test/$box"; done
+  for box in box inbox lda mlda min pm md cat lmtp lmtpmin; do mkdir -p "$M/bench.test/$box"; done
   for box in box min pm md; do mkdir -p "$M/bench.test/$box/Maildir/"{tmp,new,cur}; done
   echo "./Maildir/" > "$M/bench.test/box/.qmail"
   mkdir -p "$S/minspool" "$S/catspool" "$T/rc" "$out" "$T/home"
@@ -140,7 +142,8 @@ EOF
   # every address is served by nobody, home <mailnames>/<domain>/<mailname>.
   mkdir -p /etc/dovecot "$T/dovecot-run"
   cat > /etc/dovecot/dovecot.conf <<EOF
-protocols =
+protocols = lmtp
+postmaster_address = postmaster@bench.test
 ssl = no
 base_dir = $T/dovecot-run
 first_valid_uid = 1
@@ -152,6 +155,11 @@ passdb {
 userdb {
   driver = static
   args = uid=$bench_uid gid=$bench_gid home=$M/%d/%n allow_all_users=yes
+}
+service lmtp {
+  unix_listener lmtp {
+    mode = 0666
+  }
 }
 # The LDA reports to the stats service; let it, as a tuned install would.
 service stats {
@@ -178,6 +186,14 @@ EOF
   for s in 2K 64K 1M 10M 100M; do message "${size_of[$s]}" "$T/msg.$s"; done
   chmod 0644 "$T"/msg.*
 
+  # ferndrop's settings: the store route is the one difference between the
+  # rows, written before each run (hyperfine's --prepare), outside the timing.
+  mkdir -p /etc/ferndrop
+  : > "$T/conf.lda"
+  echo "store lmtp:unix:$T/dovecot-run/lmtp" > "$T/conf.lmtp"
+  cp "$T/conf.lda" /etc/ferndrop/ferndrop.conf
+  chown -R "$bench_uid:$bench_gid" /etc/ferndrop
+  conf_of() { [ "$1" = ferndrop+lmtp ] && echo "$T/conf.lmtp" || echo "$T/conf.lda"; }
   FD="$T/bin/ferndrop"
   declare -A cmd=(
     [minimal]="$T/bin/minimal $S/minspool $M/bench.test/min/Maildir"
@@ -189,11 +205,14 @@ EOF
     [maildrop]="/usr/bin/maildrop $T/rc/mailfilter"
     [cat+sync]="/bin/sh -c 'cat > $S/catspool/m && sync $S/catspool/m'"
     [feed-only]="$H nop"
+    [ferndrop+lmtp]="$FD -f $sender -d lmtp@bench.test -p $M"
+    [lmtp]="$T/bin/minimal --lmtp $T/dovecot-run/lmtp lmtpmin@bench.test"
   )
   declare -A newdir=(
     [minimal]=min [ferndrop]=box [ferndrop+lda]=inbox [lda]=lda [minimal+lda]=mlda [procmail]=pm [maildrop]=md
+    [ferndrop+lmtp]=lmtp [lmtp]=lmtpmin
   )
-  rows=(minimal ferndrop ferndrop+lda lda minimal+lda procmail maildrop cat+sync feed-only)
+  rows=(minimal ferndrop ferndrop+lda lda minimal+lda ferndrop+lmtp lmtp procmail maildrop cat+sync feed-only)
   if [ "$variants" = 1 ]; then
     for v in "$T"/bin/ferndrop-*; do
       name="${v##*/}"
@@ -215,6 +234,7 @@ EOF
   # the harness, the row's program under WRAPPER (strace, valgrind, time).
   run_row() {
     local r="$1" size="$2"; shift 2
+    cp "$(conf_of "$r")" /etc/ferndrop/ferndrop.conf
     eval "as_bench $H feed $T/msg.$size $* ${cmd[$r]}"
   }
 
@@ -257,7 +277,7 @@ EOF
       n=${#rows[@]}
       for i in $(seq 0 $((n - 1))); do
         r="${rows[$(( (i + round) % n ))]}"
-        args+=(-n "$r" "$H feed $T/msg.$size ${cmd[$r]}")
+        args+=(-n "$r" --prepare "cp $(conf_of "$r") /etc/ferndrop/ferndrop.conf" "$H feed $T/msg.$size ${cmd[$r]}")
       done
       as_bench hyperfine -N --style basic --runs "$runs" --warmup "$warmup" \
         --export-json "$out/t.$size.$round.json" "${args[@]}" > "$out/hyperfine.$size.$round.log" 2>&1 ||

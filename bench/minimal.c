@@ -1,7 +1,7 @@
 /* The floor for one local delivery: the work no delivery agent can skip and
  * nothing else. The message is read from standard input into a private spool
- * file that is synced (so that the transfer agent may forget it), copied into
- * the maildir's tmp, synced again, renamed into new, the new directory is
+ * file (not synced: the transfer agent keeps the message until success), copied
+ * into the maildir's tmp, synced, renamed into new, the new directory is
  * synced (so that the rename is on disk before success is reported), and the
  * spool file is removed. No logging, no configuration, no locale, no stdio.
  *
@@ -11,12 +11,19 @@
  *
  * usage: minimal SPOOL_DIR MAILDIR < message
  *        minimal SPOOL_DIR --then PROGRAM [ARG...] < message
+ *        minimal --lmtp SOCKET RECIPIENT < message
  *
  * The second form is the floor for an agent that hands the message on to
  * another program (the IMAP server's delivery agent): the synced spool file
  * becomes PROGRAM's standard input, and its exit status is returned.
+ *
+ * The third is the smallest LMTP client: standard input straight to the
+ * server (LHLO, MAIL FROM:<>, RCPT TO, DATA with CRLF and dot-stuffing), 0
+ * when the server took the message.
  */
 #include <fcntl.h>
+#include <sys/socket.h>
+#include <sys/un.h>
 #include <sys/wait.h>
 #include <stdio.h>
 #include <stdlib.h>
@@ -41,15 +48,72 @@ static int copy_fd(int in, int out) {
     }
 }
 
+/* One reply's code; the reply is read to its last line. */
+static int reply(int s, char *buf, size_t *have) {
+    for (;;) {
+        char *line = buf;
+        for (char *nl; (nl = memchr(line, '\n', (size_t)(buf + *have - line))) != NULL; line = nl + 1) {
+            if (nl - line >= 4 && line[3] == ' ') {
+                int code = atoi(line);
+                *have -= (size_t)(nl + 1 - buf);
+                memmove(buf, nl + 1, *have);
+                return code;
+            }
+        }
+        ssize_t n = read(s, buf + *have, 4095 - *have);
+        if (n <= 0)
+            return -1;
+        *have += (size_t)n;
+    }
+}
+
+static int lmtp(const char *path, const char *rcpt) {
+    struct sockaddr_un a = {.sun_family = AF_UNIX};
+    strncpy(a.sun_path, path, sizeof a.sun_path - 1);
+    int s = socket(AF_UNIX, SOCK_STREAM, 0);
+    char buf[4096], cmd[600];
+    size_t have = 0;
+    if (s < 0 || connect(s, (struct sockaddr *)&a, sizeof a) != 0 || reply(s, buf, &have) != 220)
+        return 75;
+    int n = snprintf(cmd, sizeof cmd, "LHLO minimal\r\nMAIL FROM:<>\r\nRCPT TO:<%s>\r\nDATA\r\n", rcpt);
+    if (write(s, cmd, (size_t)n) != n || reply(s, buf, &have) != 250 || reply(s, buf, &have) != 250 ||
+        reply(s, buf, &have) != 250 || reply(s, buf, &have) != 354)
+        return 75;
+    char in[4096], out[8200];
+    int start = 1;
+    for (ssize_t got; (got = read(0, in, sizeof in)) > 0;) {
+        size_t o = 0;
+        for (ssize_t i = 0; i < got; i++) {
+            if (start && in[i] == '.')
+                out[o++] = '.';
+            if (in[i] == '\n')
+                out[o++] = '\r';
+            out[o++] = in[i];
+            start = in[i] == '\n';
+        }
+        if (write(s, out, o) != (ssize_t)o)
+            return 75;
+    }
+    const char *end = start ? ".\r\n" : "\r\n.\r\n";
+    if (write(s, end, strlen(end)) != (ssize_t)strlen(end))
+        return 75;
+    int rc = reply(s, buf, &have) / 100 == 2 ? 0 : 75;
+    (void)!write(s, "QUIT\r\n", 6);
+    close(s);
+    return rc;
+}
+
 int main(int argc, char **argv) {
     if (argc < 3)
         return 64;
+    if (strcmp(argv[1], "--lmtp") == 0)
+        return argc == 4 ? lmtp(argv[2], argv[3]) : 64;
     char spool[4096];
     snprintf(spool, sizeof spool, "%s/messageXXXXXX", argv[1]);
     int fd = mkstemp(spool);
     if (fd < 0)
         return 75;
-    if (copy_fd(0, fd) != 0 || fsync(fd) != 0 || close(fd) != 0) {
+    if (copy_fd(0, fd) != 0 || close(fd) != 0) {
         unlink(spool);
         return 75;
     }
