@@ -3,7 +3,7 @@ and parallel deliveries. The job: a handler that stamps the message, one that on
 forward, a program, a maildir and an mbox line. After the transfer agent's retries every store must hold exactly
 one whole copy, or two where the failed run had carried a line out without recording it; nothing partial may ever
 sit where a reader looks, and nothing may be left in the spool or the delivery state."""
-import glob, os, random, re, subprocess, sys, time
+import glob, os, random, re, socket, subprocess, sys, threading, time
 from harness import R, S, SEP, SPOOL, STATE, TEXT, World, check, main, mount, stored
 
 LINES = ["&bob@example.net", '|f=$(mktemp program.XXXXXX) && cat > "$f"', "./Maildir/", "./mbox"]
@@ -159,6 +159,64 @@ def full_disks(w):
         subprocess.run(["umount", target], check=True)
 
 
+def lmtp_server(path):
+    """A stand-in LMTP server for any number of sessions; the list of whole messages it accepted (CRLF made LF,
+    leading dots undoubled) grows before each 250 reply to a message."""
+    stored = []
+
+    def session(c):
+        with c, c.makefile("rb") as f:
+            c.sendall(b"220 ready\r\n")
+            for line in f:
+                if line == b"DATA\r\n":
+                    c.sendall(b"354 go on\r\n")
+                    body = [f.readline()]
+                    while body[-1] not in (b".\r\n", b""):
+                        body.append(f.readline())
+                    if body.pop() == b"":
+                        return  # cut off: nothing stored
+                    stored.append(b"".join(l[l.startswith(b".."):] for l in body).replace(b"\r\n", b"\n").decode())
+                c.sendall(b"221 bye\r\n" if line == b"QUIT\r\n" else b"250 ok\r\n")
+
+    def serve(s):
+        while True:
+            try:
+                session(s.accept()[0])
+            except OSError:
+                pass
+    s = socket.socket(socket.AF_UNIX)
+    s.bind(path), s.listen()
+    threading.Thread(target=serve, args=(s,), daemon=True).start()
+    return stored
+
+
+def lmtp_faults(w):
+    """INBOX through LMTP: each socket call ferndrop makes fails once. The run defers with an "lmtp: " line, and after
+    the retries the server holds one whole copy, or two where only the reply to the whole message was lost."""
+    stored = lmtp_server("/run/lmtp")
+    w.write("/etc/ferndrop/ferndrop.conf", "store lmtp:unix:/run/lmtp\nlmtp_timeout 2\n")
+    cases = dups = 0
+    for sc in ("socket", "connect", "sendto", "recvfrom", "poll"):
+        reset(w), stored.clear()
+        check(traced(w, "-e", f"trace={sc}").status == 0 and stored == [JOB], f"clean {sc} run failed")
+        clean = calls(w, sc)
+        for n in range(1, len(clean) + 1):
+            reset(w), stored.clear()
+            first = traced(w, "-e", f"trace={sc}", "-e", f"inject={sc}:error=EIO:when={n}")
+            label = f"{sc} call {n}: {clean[n - 1][:90]!r}"
+            check(first.status == 0 or first.status == 75 and [l for l in first.log if l.startswith("3 LMTP ")],
+                  f"{label}: bad end", first)
+            last = first
+            for _ in range(3):
+                last = last if last.status == 0 else w.run(msg=JOB)
+            lost_reply = any(l.startswith("3 LMTP ") and l.endswith("the message") for l in first.log)
+            check(last.status == 0 and set(stored) == {JOB} and len(stored) in ((1, 2) if lost_reply else (1,)),
+                  f"{label}: {len(stored)} copies after the retries", first)
+            check(not os.listdir(SPOOL), f"{label}: spool left")
+            cases, dups = cases + 1, dups + len(stored) - 1
+    print(f"lmtp_faults: {cases} cases, {dups} duplicates where the reply to the whole message was lost")
+
+
 def load(w):
     """Four streams of deliveries with distinct Message-IDs into one maildir and one mbox."""
     w.write(".qmail", "./Maildir/\n./mbox\n")
@@ -177,4 +235,5 @@ def load(w):
 
 
 if __name__ == "__main__":
-    main({"faults": faults, "crashes": crashes, "full_disks": full_disks, "load": load}, sys.argv[2:])
+    main({"faults": faults, "lmtp_faults": lmtp_faults, "crashes": crashes, "full_disks": full_disks, "load": load},
+         sys.argv[2:])
