@@ -18,7 +18,6 @@
 #include <csetjmp>
 #include <csignal>
 #include <cstring>
-#include <locale>
 #include <tcutil.h>
 #include <tchdb.h>
 #include <sys/stat.h>

@@ -12,11 +12,9 @@
 // recipient of the message would meet under it.
 #include "state/message_id.h"
 
-#include <boost/algorithm/string.hpp>
 #include <cerrno>
 #include <fcntl.h>
 #include <unistd.h>
-#include <locale>
 
 #include "spool/spool.h"
 #include "util/text.h"
@@ -106,7 +104,8 @@ bool readMessageId(const std::string &messagePath, const std::string &sender,
     std::string value = messageIdOf(messagePath);
     if (value.empty())
         value = "-";
-    boost::algorithm::to_lower(value, std::locale::classic());
+    for (char &c : value)
+        c = asciiLower(c);
     key = value + " " + sender + " " + recipient + " " + (receivedDigest.empty() ? digest : receivedDigest);
     return true;
 }

@@ -4,7 +4,6 @@
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
-#include <map>
 
 #include "driver/log.h"
 #include "paths.h"
@@ -108,26 +107,30 @@ bool accepts(const Row &row, const std::string &v) {
     return false;
 }
 
+const size_t kRowCount = sizeof kRows / sizeof kRows[0];
+
+// Values and sources by the row's place in the table: every run reads a few
+// settings, and a keyed container cost more than the rest of the reading.
 struct Loaded {
-    std::map<std::string, std::string> values;
-    std::map<std::string, const char *> sources;
+    std::string values[kRowCount];
+    const char *sources[kRowCount];
 };
 
 Loaded *loaded = nullptr;
 
-const Row &rowOf(const char *name) {
-    for (const Row &row : kRows)
-        if (strcmp(row.name, name) == 0)
-            return row;
+size_t rowOf(const char *name) {
+    for (size_t i = 0; i < kRowCount; i++)
+        if (strcmp(kRows[i].name, name) == 0)
+            return i;
     LogFunction(3, "ferndrop: no setting named %s", name);
     abort();
 }
 
 void load() {
     loaded = new Loaded;
-    for (const Row &row : kRows) {
-        loaded->values[row.name] = row.defaultValue;
-        loaded->sources[row.name] = "default";
+    for (size_t i = 0; i < kRowCount; i++) {
+        loaded->values[i] = kRows[i].defaultValue;
+        loaded->sources[i] = "default";
     }
     RuntimeConfig file{};
     FILE *probe = fopen(FERNDROP_SETTINGS_FILE, "re");
@@ -151,15 +154,16 @@ void load() {
         for (const Row &r : kRows)
             if (strcmp(r.name, name) == 0)
                 row = &r;
+        size_t at = row != nullptr ? static_cast<size_t>(row - kRows) : 0;
         if (row == nullptr) {
             LogFunction(4, "%s: unknown setting %s ignored", FERNDROP_SETTINGS_FILE, name);
         } else if (!accepts(*row, value)) {
             LogFunction(4, "%s: invalid value \"%s\" for %s; the default %s is used", FERNDROP_SETTINGS_FILE, value,
                         name, row->defaultValue);
-            loaded->sources[name] = "invalid";
+            loaded->sources[at] = "invalid";
         } else {
-            loaded->values[name] = value;
-            loaded->sources[name] = "file";
+            loaded->values[at] = value;
+            loaded->sources[at] = "file";
         }
         free(file.entries[i].name);
         free(file.entries[i].value);
@@ -170,10 +174,10 @@ void load() {
 }  // namespace
 
 const std::string &settingText(const char *name) {
-    const Row &row = rowOf(name);
+    size_t at = rowOf(name);
     if (loaded == nullptr)
         load();
-    return loaded->values[row.name];
+    return loaded->values[at];
 }
 
 long long settingNumber(const char *name) { return strtoll(settingText(name).c_str(), nullptr, 10); }
@@ -196,8 +200,8 @@ std::vector<SettingInEffect> settingsInEffect() {
     if (loaded == nullptr)
         load();
     std::vector<SettingInEffect> all;
-    for (const Row &row : kRows)
-        all.push_back({row.name, loaded->values[row.name], loaded->sources[row.name]});
+    for (size_t i = 0; i < kRowCount; i++)
+        all.push_back({kRows[i].name, loaded->values[i], loaded->sources[i]});
     return all;
 }
 
