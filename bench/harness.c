@@ -11,6 +11,15 @@
  *   Exits at once: "feed MESSAGE harness nop" is the cost of the feeding and
  *   the process start alone, the floor under every row.
  *
+ * load MESSAGE TOTAL INFLIGHT BOXES -- PROGRAM [ARG...]
+ *   TOTAL deliveries of MESSAGE, INFLIGHT of them running at any time, each
+ *   fed on a pipe as above. In the arguments "%b" becomes the delivery's
+ *   mailbox number, 0 to BOXES-1 in turn; in the message the first run of
+ *   ten "X" becomes the delivery's number, so that every delivery carries a
+ *   Message-ID of its own, as on a real server. Prints one line: deliveries per
+ *   second, the median and 99th percentile latency in milliseconds (start
+ *   of the process to its end), and the number of runs that did not exit 0.
+ *
  * logsink SOCKET OUTPUT
  *   Binds a datagram socket at SOCKET (the namespace's /dev/log) and appends
  *   every datagram, one per line, to OUTPUT until it is terminated: syslog(3)
@@ -26,6 +35,8 @@
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/un.h>
+#include <sys/wait.h>
+#include <time.h>
 #include <unistd.h>
 
 static int write_all(int fd, const char *buf, size_t len) {
@@ -95,6 +106,119 @@ static int feed(int argc, char **argv) {
     return 127;
 }
 
+static double now(void) {
+    struct timespec ts;
+    clock_gettime(CLOCK_MONOTONIC, &ts);
+    return (double)ts.tv_sec + (double)ts.tv_nsec / 1e9;
+}
+
+static int by_value(const void *a, const void *b) {
+    double x = *(const double *)a, y = *(const double *)b;
+    return (x > y) - (x < y);
+}
+
+/* The PROGRAM's arguments with "%b" replaced by BOX. */
+static char **with_box(char **args, int box) {
+    int n = 0;
+    while (args[n] != NULL)
+        n++;
+    char **out = calloc((size_t)n + 1, sizeof *out);
+    for (int i = 0; out != NULL && i < n; i++) {
+        const char *at = strstr(args[i], "%b");
+        if (at == NULL) {
+            out[i] = args[i];
+            continue;
+        }
+        size_t len = strlen(args[i]) + 16;
+        out[i] = malloc(len);
+        if (out[i] != NULL)
+            snprintf(out[i], len, "%.*s%d%s", (int)(at - args[i]), args[i], box, at + 2);
+    }
+    return out;
+}
+
+static int load(int argc, char **argv) {
+    if (argc < 8 || strcmp(argv[6], "--") != 0) {
+        fprintf(stderr, "usage: load MESSAGE TOTAL INFLIGHT BOXES -- PROGRAM [ARG...]\n");
+        return 64;
+    }
+    int total = atoi(argv[3]), inflight = atoi(argv[4]), boxes = atoi(argv[5]);
+    char **program = argv + 7;
+    static char message[65536];
+    int msg = open(argv[2], O_RDONLY | O_CLOEXEC);
+    ssize_t size = msg < 0 ? -1 : read(msg, message, sizeof message);
+    int null = open("/dev/null", O_WRONLY | O_CLOEXEC);
+    pid_t *pids = calloc((size_t)inflight, sizeof *pids);
+    double *started = calloc((size_t)inflight, sizeof *started);
+    double *latency = calloc((size_t)total, sizeof *latency);
+    if (total <= 0 || inflight <= 0 || boxes <= 0 || size <= 0 || size == (ssize_t)sizeof message || null < 0 ||
+        pids == NULL || started == NULL || latency == NULL) {
+        fprintf(stderr, "load: bad arguments or message (at most 64 KB)\n");
+        return 64;
+    }
+    char *serial = memmem(message, (size_t)size, "XXXXXXXXXX", 10);
+    int begun = 0, ended = 0, failed = 0, running = 0;
+    double first = now();
+    while (ended < total) {
+        while (running < inflight && begun < total) {
+            int p[2];
+            if (serial != NULL) {
+                char digits[11];
+                snprintf(digits, sizeof digits, "%010d", begun);
+                memcpy(serial, digits, 10);
+            }
+            if (pipe2(p, O_CLOEXEC) != 0 || write_all(p[1], message, (size_t)size) != 0) {
+                perror("load: pipe");
+                return 71;
+            }
+            close(p[1]);
+            int slot = 0;
+            while (pids[slot] != 0)
+                slot++;
+            started[slot] = now();
+            pid_t pid = fork();
+            if (pid < 0) {
+                perror("load: fork");
+                return 71;
+            }
+            if (pid == 0) {
+                char **args = with_box(program, begun % boxes);
+                if (args == NULL || dup2(p[0], 0) != 0 || dup2(null, 1) != 1)
+                    _exit(71);
+                execvp(args[0], args);
+                _exit(127);
+            }
+            close(p[0]);
+            pids[slot] = pid;
+            begun++;
+            running++;
+        }
+        int status;
+        pid_t pid = waitpid(-1, &status, 0);
+        if (pid < 0) {
+            if (errno == EINTR)
+                continue;
+            perror("load: waitpid");
+            return 71;
+        }
+        int slot = 0;
+        while (slot < inflight && pids[slot] != pid)
+            slot++;
+        if (slot == inflight)
+            continue;
+        latency[ended++] = now() - started[slot];
+        pids[slot] = 0;
+        running--;
+        if (!WIFEXITED(status) || WEXITSTATUS(status) != 0)
+            failed++;
+    }
+    double elapsed = now() - first;
+    qsort(latency, (size_t)total, sizeof *latency, by_value);
+    int p99 = (int)((total * 99 + 99) / 100) - 1;
+    printf("%.1f\t%.2f\t%.2f\t%d\n", total / elapsed, latency[(total - 1) / 2] * 1000, latency[p99] * 1000, failed);
+    return 0;
+}
+
 static volatile sig_atomic_t stopping;
 static void on_term(int sig) { (void)sig; stopping = 1; }
 
@@ -149,8 +273,10 @@ int main(int argc, char **argv) {
         return feed(argc, argv);
     if (argc >= 2 && strcmp(argv[1], "nop") == 0)
         return 0;
+    if (argc >= 2 && strcmp(argv[1], "load") == 0)
+        return load(argc, argv);
     if (argc >= 2 && strcmp(argv[1], "logsink") == 0)
         return logsink(argc, argv);
-    fprintf(stderr, "usage: harness feed|nop|logsink ...\n");
+    fprintf(stderr, "usage: harness feed|nop|load|logsink ...\n");
     return 64;
 }
