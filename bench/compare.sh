@@ -12,6 +12,8 @@
 #   minimal        bench/minimal.c: spool, copy into tmp (fsync), rename,
 #                  fsync of new
 #   minimal-nosync the same without the fsync of new (procmail makes none)
+#   minimal+registry  the minimal program, first asking the handler registry
+#                  what a delivery must ask (static, with SQLite, as ferndrop)
 #   ferndrop       no handler applies (registry of 1,000 rows), .qmail with one
 #                  maildir line
 #   ferndrop+lda   no .qmail: INBOX through Dovecot's LDA
@@ -40,6 +42,9 @@
 #     --link-variants  also relinks ferndrop fully static / with static
 #                      archives / with shared libraries and compares them
 #     --report FILE    also write the Markdown report to FILE
+#     --before BINARY  also runs BINARY (an earlier build of ferndrop) as the
+#                      rows "before" (maildir line) and "before+lda" (INBOX),
+#                      in the same rounds, for a before-and-after table
 #     --counts-only    skip the timing (system calls, instructions, memory)
 #     --no-load        skip the load mode
 #     --load-only      only the load mode
@@ -232,6 +237,7 @@ EOF
   declare -A cmd=(
     [minimal]="$T/bin/minimal $S/minspool $M/bench.test/min/Maildir"
     [minimal-nosync]="$T/bin/minimal --no-new-sync $S/minspool $M/bench.test/min/Maildir"
+    [minimal+registry]="$T/bin/minimal-registry --registry /var/lib/kavra/mail/handlers/handlers.db $sender box@bench.test $S/minspool $M/bench.test/min/Maildir"
     [ferndrop]="$FD -f $sender -d box@bench.test -p $M"
     [ferndrop+lda]="$FD -f $sender -d inbox@bench.test -p $M"
     [lda]="/usr/lib/dovecot/dovecot-lda -d lda@bench.test"
@@ -244,10 +250,15 @@ EOF
     [lmtp]="$T/bin/minimal --lmtp $T/dovecot-run/lmtp lmtpmin@bench.test"
   )
   declare -A newdir=(
-    [minimal]=min [minimal-nosync]=min [ferndrop]=box [ferndrop+lda]=inbox [lda]=lda [minimal+lda]=mlda [procmail]=pm [maildrop]=md
+    [minimal]=min [minimal-nosync]=min [minimal+registry]=min [ferndrop]=box [ferndrop+lda]=inbox [lda]=lda [minimal+lda]=mlda [procmail]=pm [maildrop]=md
     [ferndrop+lmtp]=lmtp [lmtp]=lmtpmin
   )
-  rows=(minimal minimal-nosync ferndrop ferndrop+lda lda minimal+lda ferndrop+lmtp lmtp procmail maildrop cat+sync feed-only)
+  rows=(minimal minimal-nosync minimal+registry ferndrop ferndrop+lda lda minimal+lda ferndrop+lmtp lmtp procmail maildrop cat+sync feed-only)
+  if [ -x "$T/bin/before" ]; then
+    cmd[before]="$T/bin/before -f $sender -d box@bench.test -p $M"; newdir[before]=box
+    cmd[before+lda]="$T/bin/before -f $sender -d inbox@bench.test -p $M"; newdir[before+lda]=inbox
+    rows+=(before before+lda)
+  fi
   if [ "$variants" = 1 ]; then
     for v in "$T"/bin/ferndrop-*; do
       name="${v##*/}"
@@ -299,9 +310,10 @@ EOF
   if [ "$load" != 0 ]; then
     batch=2000; [ "$quick" = 1 ] && batch=200
     echo "$batch" > "$out/load.batch"
-    load_rows=(ferndrop ferndrop+lda ferndrop+lmtp procmail maildrop lda lmtp minimal)
+    load_rows=(ferndrop ferndrop+lda ferndrop+lmtp procmail maildrop lda lmtp minimal minimal+registry)
     declare -A lcmd=(
       [minimal]="$T/bin/minimal $S/minspool $M/bench.test/min-%b/Maildir"
+      [minimal+registry]="$T/bin/minimal-registry --registry /var/lib/kavra/mail/handlers/handlers.db $sender box-%b@bench.test $S/minspool $M/bench.test/min-%b/Maildir"
       [ferndrop]="$FD -f $sender -d box-%b@bench.test -p $M"
       [ferndrop+lda]="$FD -f $sender -d inbox-%b@bench.test -p $M"
       [ferndrop+lmtp]="$FD -f $sender -d lmtp-%b@bench.test -p $M"
@@ -310,7 +322,11 @@ EOF
       [procmail]="/usr/bin/procmail BOX=%b $T/rc/procmailrc-load"
       [maildrop]="/usr/bin/maildrop $T/rc/mailfilter-load %b"
     )
-    declare -A lbox=([minimal]=min [ferndrop]=box [ferndrop+lda]=inbox [ferndrop+lmtp]=lmtp [lda]=lda
+    if [ -x "$T/bin/before" ]; then
+      load_rows+=(before)
+      lcmd[before]="$T/bin/before -f $sender -d box-%b@bench.test -p $M"
+    fi
+    declare -A lbox=([before]=box [minimal]=min [minimal+registry]=min [ferndrop]=box [ferndrop+lda]=inbox [ferndrop+lmtp]=lmtp [lda]=lda
       [lmtp]=lmtpmin [procmail]=pm [maildrop]=md)
     stored() { find "$M/bench.test" -path "$M/bench.test/$1-*/Maildir/new/*" -type f | wc -l; }
     for round in $(seq "$load_rounds"); do
@@ -433,7 +449,7 @@ fi
 # ---------------------------------------------------------------------------
 # On the host (root): tools, build, sandbox, report.
 # ---------------------------------------------------------------------------
-quick=0; variants=0; report=""; counts_only=0; load=1; load_rounds=1
+quick=0; variants=0; report=""; counts_only=0; load=1; load_rounds=1; before=
 while [ $# -gt 0 ]; do
   case "$1" in
     --quick) quick=1 ;;
@@ -443,7 +459,8 @@ while [ $# -gt 0 ]; do
     --no-load) load=0 ;;
     --load-only) load=only ;;
     --load-rounds) load_rounds="$2"; shift ;;
-    *) echo "usage: $0 [--quick] [--link-variants] [--counts-only] [--no-load|--load-only] [--load-rounds N] [--report FILE]" >&2
+    --before) before="$(realpath "$2")"; shift ;;
+    *) echo "usage: $0 [--quick] [--link-variants] [--counts-only] [--no-load|--load-only] [--load-rounds N] [--before BINARY] [--report FILE]" >&2
        exit 64 ;;
   esac
   shift
@@ -466,11 +483,13 @@ trap '[ -z "${FERNDROP_BENCH_KEEP:-}" ] || { mkdir -p "$FERNDROP_BENCH_KEEP"; cp
 chmod 0755 "$T"
 mkdir -p "$T/bin"
 cp "$build/ferndrop" "$T/bin/ferndrop"
+[ -z "$before" ] || cp "$before" "$T/bin/before"
 # Valgrind will not run set-id programs as an ordinary user; plain copies
 # serve for the instruction counts.
 cp /usr/bin/procmail "$T/bin/procmail.plain"; cp /usr/bin/maildrop "$T/bin/maildrop.plain"
 gcc -O2 -o "$T/bin/minimal" "$repo/bench/minimal.c"
 gcc -O2 -static -o "$T/bin/registry_floor" "$repo/bench/registry_floor.c" -lsqlite3 -lm 2> /dev/null
+gcc -O2 -static -DREGISTRY -o "$T/bin/minimal-registry" "$repo/bench/minimal.c" -lsqlite3 -lm 2> /dev/null
 gcc -O2 -static -o "$T/bin/harness" "$repo/bench/harness.c"
 if [ "$variants" = 1 ]; then
   # The same objects, linked three more ways: static archives of SQLite and
@@ -509,7 +528,7 @@ ms() { awk -v v="$1" 'BEGIN { if (v == "") print "-"; else printf "%.2f", v * 10
 ratio() { awk -v a="$1" -v b="$2" 'BEGIN { if (a == "" || b == "" || b == 0) print "-"; else printf "%.2f", a / b }'; }
 mapfile -t rows < "$out/rows"
 # Load: medians over the rounds of deliveries per second, p50 and p99.
-lmed() {  # LAYOUT INFLIGHT ROW FIELD (5 per second, 6 p50, 7 p99)
+lmed() {  # LAYOUT INFLIGHT ROW FIELD (5 per second, 6 p50, 7 p99, 9 processor ms)
   awk -F'\t' -v b="$1" -v i="$2" -v r="$3" -v f="$4" '$2 == b && $3 == i && $4 == r { print $f }' "$out/load.tsv" | median
 }
 load_table() {
@@ -532,12 +551,22 @@ load_table() {
     done
   done
   echo
+  echo "#### Processor time per delivery (ms, user and system), 200 mailboxes"
+  echo
+  echo "| row | 1 in flight | 4 | 16 | 64 |"
+  echo "|---|---:|---:|---:|---:|"
+  for r in $(awk -F'\t' '{ print $4 }' "$out/load.tsv" | awk '!seen[$0]++'); do
+    printf '| %s |' "$r"
+    for i in 1 4 16 64; do printf ' %s |' "$(lmed 200 "$i" "$r" 9)"; done
+    echo
+  done
+  echo
 }
 
 (
   echo "### Run"
   echo
-  echo "- command: \`bench/compare.sh$([ "$quick" = 1 ] && echo " --quick")$([ "$variants" = 1 ] && echo " --link-variants")$([ "$load" = only ] && echo " --load-only")$([ "$load_rounds" != 1 ] && echo " --load-rounds $load_rounds")\`"
+  echo "- command: \`bench/compare.sh$([ "$quick" = 1 ] && echo " --quick")$([ "$variants" = 1 ] && echo " --link-variants")$([ "$load" = only ] && echo " --load-only")$([ "$load_rounds" != 1 ] && echo " --load-rounds $load_rounds")$([ -n "$before" ] && echo " --before BINARY")\`"
   echo "- machine: $(nproc) CPUs, $(grep -m1 'model name' /proc/cpuinfo | cut -d: -f2 | sed 's/^ *//'), kernel $(uname -r)"
   echo "- disk: $(df -T /tmp | awk 'NR == 2 { print $1 " (" $2 ")" }'), rotational=$(cat /sys/block/"$(basename "$(df /tmp | awk 'NR == 2 { print $1 }')")"/queue/rotational 2>/dev/null || echo '?')"
   echo "- load average before / after: $load_before / $load_after; run time ${elapsed}s; $(. "$T/env"; echo "$hyperfine_version")"
@@ -607,6 +636,7 @@ load_table() {
   fi
   echo "| instructions, own process <= 0.5 M | $(mega "$own_ir") | $(verdict "$own_ir" 500000) |"
   echo "| (floor: registry-floor + minimal) | $(mega "$floor_ir") + $(mega "$min_ir") | - |"
+  echo "| (floor: minimal+registry) | $(mega "$(awk -F'\t' '$1 == "minimal+registry" { print $4 }' "$out/counts.tsv")") | - |"
   echo "| peak RSS flat, 2 KB to 100 MB (within 1 MB) | $rss2 vs $rss100 KB | $(verdict "$(( ${rss100:-0} - ${rss2:-0} ))" 1024) |"
   echo
   echo "ferndrop log lines in the whole run: $(cat "$out/ferndrop-log-lines"); other than the start line:"

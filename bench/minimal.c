@@ -11,11 +11,15 @@
  *
  * usage: minimal SPOOL_DIR MAILDIR < message
  *        minimal --no-new-sync SPOOL_DIR MAILDIR < message
+ *        minimal --registry DATABASE SENDER RECIPIENT SPOOL_DIR MAILDIR < message
  *        minimal SPOOL_DIR --then PROGRAM [ARG...] < message
  *        minimal --lmtp SOCKET RECIPIENT < message
  *
  * The second leaves out the sync of new (which procmail does not make), to
- * show what that sync alone costs.
+ * show what that sync alone costs. The --registry form (built with
+ * -DREGISTRY, static and with SQLite, as ferndrop is) first asks the handler
+ * registry what bench/registry_floor.c asks: the floor for a delivery that
+ * consults the registry.
  *
  * The third form is the floor for an agent that hands the message on to
  * another program (the IMAP server's delivery agent): the synced spool file
@@ -34,6 +38,11 @@
 #include <string.h>
 #include <time.h>
 #include <unistd.h>
+
+#ifdef REGISTRY
+#define REGISTRY_FLOOR_NO_MAIN
+#include "registry_floor.c"
+#endif
 
 static int copy_fd(int in, int out) {
     char buf[4096];
@@ -112,6 +121,14 @@ int main(int argc, char **argv) {
         return 64;
     if (strcmp(argv[1], "--lmtp") == 0)
         return argc == 4 ? lmtp(argv[2], argv[3]) : 64;
+#ifdef REGISTRY
+    if (strcmp(argv[1], "--registry") == 0) {
+        if (argc != 7 || registry_lookups(argv[2], argv[3], argv[4]) != 0)
+            return 75;
+        argc -= 4;
+        argv += 4;
+    }
+#endif
     int sync_new = strcmp(argv[1], "--no-new-sync") != 0;
     if (!sync_new && argc != 4)
         return 64;
