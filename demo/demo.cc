@@ -1,6 +1,7 @@
 // The README's demo: real deliveries in a sandbox, narrated. Two handlers
 // (one adds a header, one only logs), a .qmail with all four kinds of line,
-// and a mailbox without .qmail that gets its mail through Dovecot's own LDA.
+// and a mailbox without .qmail that gets its mail through Dovecot's own LDA,
+// then through Dovecot's LMTP server.
 // Runs the ferndrop given as argv[1] (default: the one this build made) as the
 // delivery user mail with group popuser, as Postfix's pipe would, in the
 // layout that ferndrop-setup (argv[2], default: beside the ferndrop) makes.
@@ -154,28 +155,44 @@ int main(int argc, char **argv) {
     for (const auto &call : sb.calls("sendmail"))
         show("sendmail was called with", slurp(call + "/argv"));
 
+    // Dovecot runs for one delivery and is stopped before the sandbox goes.
+    auto withDovecot = [&](const std::string &command) {
+        return sb.shell("/usr/sbin/dovecot || exit 120\nsetpriv --reuid=mail --regid=" + std::to_string(group) +
+                            " --clear-groups " + command +
+                            "\nrc=$?\npid=$(cat /run/dovecot/master.pid)\n/usr/sbin/dovecot stop\n"
+                            "while kill -0 $pid 2>/dev/null; do sleep 0.1; done\nexit $rc\n",
+                        message);
+    };
     heading("Delivery 2: carol@example.org -> Bob@Example.COM (no .qmail: INBOX through Dovecot's LDA)");
     std::string cmd2 = "'" + binary + "' -f carol@example.org -d Bob@Example.COM -p '" + sb.mailnames() + "'";
     std::cout << "$ " << cmd2 << " < message    # as mail:popuser\n";
-    RunResult r2 = sb.shell("/usr/sbin/dovecot || exit 120\nsetpriv --reuid=mail --regid=" + std::to_string(group) +
-                                " --clear-groups " + cmd2 +
-                                "\nrc=$?\npid=$(cat /run/dovecot/master.pid)\n/usr/sbin/dovecot stop\n"
-                                "while kill -0 $pid 2>/dev/null; do sleep 0.1; done\nexit $rc\n",
-                            message);
+    RunResult r2 = withDovecot(cmd2);
     report(r2);
     auto inbox = sb.list(bob + "/Maildir/new");
     show("bob's Maildir/new (written by dovecot-lda)", inbox.empty() ? "(empty)\n" : inbox[0] + "\n");
     if (!inbox.empty())
         show("the stored message", sb.read(bob + "/Maildir/new/" + inbox[0]));
 
-    heading("Delivery 3: an unknown mailbox is bounced (5.1.1), a bad recipient refused");
-    RunResult r3 = asDeliveryUser({"-f", "carol@example.org", "-d", "nobody@example.com", "-p", sb.mailnames()}, message);
+    heading("Delivery 3: the same, INBOX through Dovecot's LMTP server");
+    std::string settings = "store lmtp:unix:/run/dovecot/lmtp\n";
+    sb.write("/etc/ferndrop/ferndrop.conf", settings);
+    show("/etc/ferndrop/ferndrop.conf", settings);
+    std::cout << "$ " << cmd2 << " < message    # as mail:popuser\n";
+    RunResult r3 = withDovecot(cmd2);
     report(r3);
-    RunResult r4 = asDeliveryUser({"-f", "carol@example.org", "-d", "no-domain", "-p", sb.mailnames()}, message);
-    report(r4);
+    auto throughLmtp = sb.list(bob + "/Maildir/new");
+    show("bob's Maildir/new (the second one written by Dovecot's lmtp)", "");
+    for (const auto &name : throughLmtp)
+        std::cout << name << "\n";
 
-    bool ok = r1.status == 0 && r2.status == 0 && maildir.size() == 1 && inbox.size() == 1 && r3.status == 67 &&
-              r4.status == 65;
+    heading("Delivery 4: an unknown mailbox is bounced (5.1.1), a bad recipient refused");
+    RunResult r4 = asDeliveryUser({"-f", "carol@example.org", "-d", "nobody@example.com", "-p", sb.mailnames()}, message);
+    report(r4);
+    RunResult r5 = asDeliveryUser({"-f", "carol@example.org", "-d", "no-domain", "-p", sb.mailnames()}, message);
+    report(r5);
+
+    bool ok = r1.status == 0 && r2.status == 0 && r3.status == 0 && maildir.size() == 1 && inbox.size() == 1 &&
+              throughLmtp.size() == 2 && r4.status == 67 && r5.status == 65;
     heading(ok ? "demo finished: all deliveries as expected" : "demo finished with unexpected results");
     return ok ? 0 : 1;
 }

@@ -4,7 +4,7 @@
 # (a private mount namespace under /tmp, removed afterwards), in the layout the
 # installed ferndrop-setup makes, as the delivery user mail: two handlers,
 # a .qmail with maildir, mbox, program and forward lines, and INBOX delivery
-# through Dovecot's own LDA.
+# through Dovecot's own LDA and then through its LMTP server.
 set -euo pipefail
 # What gets built and installed here is run and read by unprivileged users
 # (the delivery user, Postfix, Dovecot); a hardened root umask must not
