@@ -52,6 +52,8 @@
 #                      the report gives the medians over the rounds
 #     --spool-tmpfs    ferndrop's spool directory and the minimal program's on
 #                      a tmpfs (the stores stay on the disk)
+#     --journal-fs     everything on an ext4 with a journal, in an image file
+#                      on a loop device (for a disk whose ext4 has none)
 # FERNDROP_BENCH_LOAD_ROWS and FERNDROP_BENCH_LOAD_INFLIGHT narrow the load
 # mode to some rows and in-flight counts (blank-separated lists).
 # FERNDROP_BUILD_DIR picks the build tree (default: <repo>/build-bench, a
@@ -70,7 +72,7 @@ bench_gid=65534   # nogroup
 # Inside the namespace.
 # ---------------------------------------------------------------------------
 if [ "${1:-}" = --inside ]; then
-  T="$2"; quick="$3"; variants="$4"; counts_only="$5"; load="$6"; load_rounds="$7"; spool_tmpfs="$8"
+  T="$2"; quick="$3"; variants="$4"; counts_only="$5"; load="$6"; load_rounds="$7"; spool_tmpfs="$8"; journal_fs="$9"
   # shellcheck source=/dev/null
   . "$T/env"
   H="$T/bin/harness"
@@ -78,6 +80,17 @@ if [ "${1:-}" = --inside ]; then
   M="$T/mail"                      # the mailnames tree (-p)
   out="$T/out"
   sender=sender@bench-from.org
+  # --journal-fs: the stores, the spool and the mailnames on an ext4 with a
+  # journal (the way mail hosts run it), made in an image file under $T and
+  # mounted in this namespace only.
+  if [ "$journal_fs" = 1 ]; then
+    truncate -s 4G "$T/disk.img"
+    mkfs.ext4 -q -F "$T/disk.img"
+    mkdir -p "$T/disk"
+    mount -o loop "$T/disk.img" "$T/disk"
+    chmod 0755 "$T/disk"
+    S="$T/disk/fs"; M="$T/disk/mail"
+  fi
   pids=()
   stop_services() {
     if [ -f "$T/dovecot-run/master.pid" ]; then
@@ -464,7 +477,7 @@ fi
 # ---------------------------------------------------------------------------
 # On the host (root): tools, build, sandbox, report.
 # ---------------------------------------------------------------------------
-quick=0; variants=0; report=""; counts_only=0; load=1; load_rounds=1; before=; spool_tmpfs=0
+quick=0; variants=0; report=""; counts_only=0; load=1; load_rounds=1; before=; spool_tmpfs=0; journal_fs=0
 while [ $# -gt 0 ]; do
   case "$1" in
     --quick) quick=1 ;;
@@ -476,7 +489,8 @@ while [ $# -gt 0 ]; do
     --load-rounds) load_rounds="$2"; shift ;;
     --before) before="$(realpath "$2")"; shift ;;
     --spool-tmpfs) spool_tmpfs=1 ;;
-    *) echo "usage: $0 [--quick] [--link-variants] [--counts-only] [--no-load|--load-only] [--load-rounds N] [--before BINARY] [--spool-tmpfs] [--report FILE]" >&2
+    --journal-fs) journal_fs=1 ;;
+    *) echo "usage: $0 [--quick] [--link-variants] [--counts-only] [--no-load|--load-only] [--load-rounds N] [--before BINARY] [--spool-tmpfs] [--journal-fs] [--report FILE]" >&2
        exit 64 ;;
   esac
   shift
@@ -531,7 +545,7 @@ chmod -R a+rX "$T"
 
 load_before="$(cut -d' ' -f1-3 /proc/loadavg)"
 start=$(date +%s)
-unshare -m --propagation private bash "$0" --inside "$T" "$quick" "$variants" "$counts_only" "$load" "$load_rounds" "$spool_tmpfs"
+unshare -m --propagation private bash "$0" --inside "$T" "$quick" "$variants" "$counts_only" "$load" "$load_rounds" "$spool_tmpfs" "$journal_fs"
 elapsed=$(( $(date +%s) - start ))
 load_after="$(cut -d' ' -f1-3 /proc/loadavg)"
 
@@ -584,7 +598,13 @@ load_table() {
   echo
   echo "- command: \`bench/compare.sh$([ "$quick" = 1 ] && echo " --quick")$([ "$variants" = 1 ] && echo " --link-variants")$([ "$load" = only ] && echo " --load-only")$([ "$load_rounds" != 1 ] && echo " --load-rounds $load_rounds")$([ -n "$before" ] && echo " --before BINARY")\`"
   echo "- machine: $(nproc) CPUs, $(grep -m1 'model name' /proc/cpuinfo | cut -d: -f2 | sed 's/^ *//'), kernel $(uname -r)"
-  echo "- disk: $(df -T /tmp | awk 'NR == 2 { print $1 " (" $2 ")" }'), rotational=$(cat /sys/block/"$(basename "$(df /tmp | awk 'NR == 2 { print $1 }')")"/queue/rotational 2>/dev/null || echo '?'), journal: $(ls /proc/fs/jbd2/ 2>/dev/null | grep -q "^$(basename "$(df /tmp | awk 'NR == 2 { print $1 }')")-" && echo yes || echo no); spool directory: $([ "$spool_tmpfs" = 1 ] && echo tmpfs || echo 'on the disk')"
+  dev="$(basename "$(df /tmp | awk 'NR == 2 { print $1 }')")"
+  if [ "$journal_fs" = 1 ]; then
+    disk="ext4 with a journal in an image file on a loop device, over $(df -T /tmp | awk 'NR == 2 { print $1 " (" $2 ")" }')"
+  else
+    disk="$(df -T /tmp | awk 'NR == 2 { print $1 " (" $2 ")" }'), journal: $(ls /proc/fs/jbd2/ 2>/dev/null | grep -q "^$dev-" && echo yes || echo no)"
+  fi
+  echo "- disk: $disk, rotational=$(cat /sys/block/"$dev"/queue/rotational 2>/dev/null || echo '?'); spool directory: $([ "$spool_tmpfs" = 1 ] && echo tmpfs || echo 'on the disk')"
   echo "- load average before / after: $load_before / $load_after; run time ${elapsed}s; $(. "$T/env"; echo "$hyperfine_version")"
   echo
   if [ ! -s "$out/counts.tsv" ]; then load_table; exit 0; fi
