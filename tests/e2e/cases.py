@@ -313,6 +313,11 @@ CASES = {
                                   out="4.3.0 Internal mail system problems\n", setup=lambda w: sqlite3.connect(
                                       REGISTRY, isolation_level=None).execute(
                                       "INSERT INTO handlers VALUES (2,1,1,3,'gone',?,'/none','',0)", (R,))),
+    # A filter that passes the checks before the fork but cannot be executed (its interpreter is missing) fails,
+    # also on an empty message, where no check of its output could tell
+    "handler_exec_fails_defers": row(75, "3 Error during 'h1' handler", out="4.3.0 Internal mail system problems\n",
+                                     h=[(1, R, "")], msg="", setup=lambda w: w.write(w.dir + "/handlers/h1",
+                                                                                     "#!/none/sh\n", 0o755)),
     "handler_empty_defers": row(75, "3 The 'h1' handler passed an empty message", h=[(1, R, "exec cat > /dev/null")],
                                 out="4.3.0 Internal mail system problems\n"),
     "handler_fail_open": row(0, files=[(CONF, "handlers_fail_open av,h1\n")], qmail="|cat > out\n",
