@@ -26,13 +26,15 @@ std::vector<std::string> split(const std::string &text, char separator) {
 
 // The directory's real path, or, for one that is not there (yet), the path
 // with "." and ".." taken out by their text: a line cannot escape through a
-// directory that does not exist.
-std::string resolved(const std::string &path) {
+// directory that does not exist. A relative path goes to realpath as it is,
+// so that only its own parts are looked up, not those of the current
+// directory again (cwd, from getcwd, is a real path already).
+std::string resolved(const std::string &path, const char *cwd) {
     char real[PATH_MAX];
     if (realpath(path.c_str(), real) != nullptr)
         return real;
     std::vector<std::string> kept;
-    for (const std::string &part : split(path, '/')) {
+    for (const std::string &part : split(path[0] == '/' ? path : std::string(cwd) + "/" + path, '/')) {
         if (part.empty() || part == ".")
             continue;
         if (part == "..") {
@@ -94,17 +96,17 @@ int confinementOf(const QmailLine &line) {
     char cwd[PATH_MAX];
     if (getcwd(cwd, sizeof cwd) == nullptr)
         return 0;
-    std::string target = line.value[0] == '/' ? line.value : std::string(cwd) + "/" + line.value;
+    std::string target = line.value;
     // An mbox writes its file's directory (and its lock file there).
     if (line.kind == MboxLine)
         target = target.substr(0, target.rfind('/') + 1);
-    std::string where = resolved(target);
-    std::vector<std::string> roots = {resolved(cwd)};
+    std::string where = resolved(target.empty() ? "." : target, cwd);
+    std::vector<std::string> roots = {cwd};
     const std::string &allowed = settingText("allowed_paths");
     if (allowed != "none")
         for (const std::string &dir : split(allowed, ':'))
             if (!dir.empty())
-                roots.push_back(resolved(dir));
+                roots.push_back(resolved(dir, cwd));
     for (const std::string &root : roots)
         if (within(where, root))
             return 0;
