@@ -191,8 +191,6 @@ void conf_cache_reset() {
 }
 
 int conf_parse_file(const char *path, RuntimeConfig *config) {
-    if (conf_reserve(config) != 0)
-        return -1;
     FILE *file = fopen(path, "rt");
     if (file == nullptr) {
         int saved = errno;
@@ -200,13 +198,22 @@ int conf_parse_file(const char *path, RuntimeConfig *config) {
         errno = saved;
         return -1;
     }
+    int parsed = conf_parse_stream(file, config);
+    int saved = errno;
+    fclose(file);
+    errno = saved;
+    return parsed;
+}
+
+int conf_parse_stream(FILE *file, RuntimeConfig *config) {
+    if (conf_reserve(config) != 0)
+        return -1;
     char *line = nullptr;
     size_t lineSize = 0;
     errno = 0;
     while (getline(&line, &lineSize, file) != -1) {
         if (parseLine(line, config) != 0) {
             int saved = errno;
-            fclose(file);
             free(line);
             errno = saved;
             return -1;
@@ -216,7 +223,6 @@ int conf_parse_file(const char *path, RuntimeConfig *config) {
     conf_sort(config);
     bool complete = feof(file) && !ferror(file);
     free(line);
-    fclose(file);
     if (complete)
         return 0;
     LogFunction(12, "Unable to read configuration file: %s", strerror(saved));

@@ -2,6 +2,7 @@
 // process on first use; values stay valid until the process ends.
 #pragma once
 #include <cstddef>
+#include <cstdio>
 
 enum ConfigVarId : unsigned {
     _MIN_POSSIBLE_QRN_CONF_VAR_NAME = 0,
@@ -61,6 +62,8 @@ int conf_load();
 
 // Steps of the load, exposed for tests.
 int conf_parse_file(const char *path, RuntimeConfig *config);
+// The same over a file already open (left open).
+int conf_parse_stream(FILE *file, RuntimeConfig *config);
 int conf_put(const char *name, const char *value, RuntimeConfig *config);
 int conf_reserve(RuntimeConfig *config);
 void conf_sort(RuntimeConfig *config);

@@ -133,15 +133,18 @@ void load() {
         loaded->sources[i] = "default";
     }
     RuntimeConfig file{};
-    FILE *probe = fopen(FERNDROP_SETTINGS_FILE, "re");
-    if (probe == nullptr) {
+    // Opened here rather than by conf_parse_file, which logs a missing file:
+    // here that is no error.
+    FILE *stream = fopen(FERNDROP_SETTINGS_FILE, "re");
+    if (stream == nullptr) {
         if (errno != ENOENT)
             LogFunction(4, "unable to read %s: %s; every setting has its default", FERNDROP_SETTINGS_FILE,
                         strerror(errno));
         return;
     }
-    fclose(probe);
-    if (conf_parse_file(FERNDROP_SETTINGS_FILE, &file) != 0) {
+    int parsed = conf_parse_stream(stream, &file);
+    fclose(stream);
+    if (parsed != 0) {
         LogFunction(4, "unable to read %s; every setting has its default", FERNDROP_SETTINGS_FILE);
         for (size_t i = 0; i < file.count; i++)
             free(file.entries[i].name), free(file.entries[i].value);
