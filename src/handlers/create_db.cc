@@ -68,6 +68,7 @@ int createDirectory(const char *path) {
 
 // The registry opened for a change, with the short busy wait; null (logged).
 sqlite3 *openForChange(const char *path, int flags) {
+    mh_tune_sqlite();
     sqlite3 *db = nullptr;
     if (sqlite3_open_v2(path, &db, flags, nullptr) != SQLITE_OK) {
         LogFunction(3, "Unable to open database %s: %s", path, mh_db_message(db));

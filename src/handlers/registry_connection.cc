@@ -33,6 +33,7 @@ const char *mh_get_db_path() { return registryPath; }
 const char *mh_db_message(sqlite3 *db) { return db != nullptr ? sqlite3_errmsg(db) : "general DB errror"; }
 
 sqlite3 *mh_open_registry(bool look) {
+    mh_tune_sqlite();
     sqlite3 *db = nullptr;
     // What the delivery's create would make of a missing file: an empty
     // database, so an in-memory one stands for it.

@@ -8,6 +8,11 @@ struct sqlite3;
 // library gave no connection object.
 const char *mh_db_message(sqlite3 *db);
 
+// SQLite set up for a short single-threaded process (no locking, no
+// statistics, memory from a static arena). Called before every open here;
+// only the first call before the library starts has an effect.
+void mh_tune_sqlite();
+
 // Opens the registry path for reading. Null (logged) on failure. look:
 // without creating a missing file or rolling back a journal; a missing file
 // the delivery could create reads as a registry without handlers.

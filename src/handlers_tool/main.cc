@@ -96,6 +96,7 @@ sqlite3 *openForWriting() {
         fprintf(stderr, "ferndrop-handlers: cannot create the handler registry %s\n", mh_get_db_path());
         return nullptr;
     }
+    mh_tune_sqlite();
     sqlite3 *db = nullptr;
     if (sqlite3_open_v2(mh_get_db_path(), &db, SQLITE_OPEN_READWRITE, nullptr) != SQLITE_OK) {
         fprintf(stderr, "ferndrop-handlers: cannot open %s: %s\n", mh_get_db_path(), mh_db_message(db));

@@ -1,5 +1,6 @@
 // What the binary cannot show cheaply: the registry's busy-retry arithmetic (the
-// sleep replaced, so nothing waits) and the Message-ID key's edge cases.
+// sleep replaced, so nothing waits), SQLite's memory past the arena, and the
+// Message-ID key's edge cases.
 #include <gtest/gtest.h>
 #include <sqlite3.h>
 #include <unistd.h>
@@ -9,6 +10,7 @@
 #include <vector>
 
 #include "handlers/busy_retry.h"
+#include "handlers/registry_connection.h"
 #include "state/message_id.h"
 
 namespace {
@@ -50,6 +52,61 @@ TEST(BusyRetry, PauseGrowsByTenMicrosecondsAndASecondEndsTheWait) {
     EXPECT_EQ(pauses.back(), 1000000000L);
     EXPECT_EQ(retry(-1, 3, &answer), -1);
     EXPECT_EQ(attempts, 4);
+}
+
+// A delivery never fills the arena; this fills it and goes on into malloc,
+// with blocks grown by copying on both sides, and every byte must come back.
+TEST(SqliteMemory, RowsAndGrownStringsReadBackWholeThroughTheArenaAndBeyond) {
+    mh_tune_sqlite();
+    sqlite3 *db = nullptr;
+    ASSERT_EQ(sqlite3_open(":memory:", &db), SQLITE_OK);
+    EXPECT_EQ(sqlite3_memory_used(), 0);  // the settings came before the library started
+    ASSERT_EQ(sqlite3_exec(db, "CREATE TABLE t (k INTEGER PRIMARY KEY, v BLOB)", nullptr, nullptr, nullptr), SQLITE_OK);
+    auto byteOf = [](int row, int i) { return static_cast<unsigned char>((row * 7 + i) % 251); };
+    // group_concat grows one string by reallocation: in the arena while it
+    // has room, in malloc once it has none.
+    auto concatenationIsWhole = [db](int rows) {
+        std::string sql = "SELECT group_concat(printf('%05d', k), '') FROM (SELECT k FROM t LIMIT " +
+                          std::to_string(rows) + ")", want;
+        sqlite3_stmt *select = nullptr;
+        if (sqlite3_prepare_v2(db, sql.c_str(), -1, &select, nullptr) != SQLITE_OK || sqlite3_step(select) != SQLITE_ROW)
+            return false;
+        std::string joined(reinterpret_cast<const char *>(sqlite3_column_text(select, 0)));
+        sqlite3_finalize(select);
+        char part[8];
+        for (int k = 0; k < rows; k++)
+            want += (snprintf(part, sizeof part, "%05d", k), part);
+        return joined == want;
+    };
+    sqlite3_stmt *insert = nullptr, *select = nullptr;
+    ASSERT_EQ(sqlite3_prepare_v2(db, "INSERT INTO t VALUES (?, ?)", -1, &insert, nullptr), SQLITE_OK);
+    const int rows = 3000;  // about 3 MB of pages
+    for (int row = 0; row < rows; row++) {
+        if (row == 200)
+            EXPECT_TRUE(concatenationIsWhole(row));
+        std::vector<unsigned char> v(row * 37 % 2000 + 1);
+        for (size_t i = 0; i < v.size(); i++)
+            v[i] = byteOf(row, static_cast<int>(i));
+        sqlite3_bind_int(insert, 1, row);
+        sqlite3_bind_blob(insert, 2, v.data(), static_cast<int>(v.size()), SQLITE_TRANSIENT);
+        ASSERT_EQ(sqlite3_step(insert), SQLITE_DONE);
+        sqlite3_reset(insert);
+    }
+    sqlite3_finalize(insert);
+    EXPECT_TRUE(concatenationIsWhole(rows));
+    ASSERT_EQ(sqlite3_prepare_v2(db, "SELECT k, v FROM t ORDER BY k", -1, &select, nullptr), SQLITE_OK);
+    int seen = 0;
+    for (; sqlite3_step(select) == SQLITE_ROW; seen++) {
+        int row = sqlite3_column_int(select, 0);
+        auto *v = static_cast<const unsigned char *>(sqlite3_column_blob(select, 1));
+        int n = sqlite3_column_bytes(select, 1), bad = 0;
+        for (int i = 0; i < n; i++)
+            bad += v[i] != byteOf(row, i);
+        ASSERT_TRUE(row == seen && n == row * 37 % 2000 + 1 && bad == 0) << "row " << row;
+    }
+    sqlite3_finalize(select);
+    EXPECT_EQ(seen, rows);
+    sqlite3_close(db);
 }
 
 TEST(MessageId, WhichLineDecidesAndHowItsValueIsCleaned) {
