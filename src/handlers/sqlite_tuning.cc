@@ -7,7 +7,10 @@
 // schema and its one query is hundreds of malloc and free calls. Those were a
 // third of a delivery's instructions. The arena below gives SQLite its memory
 // from one static block that goes with the process; what does not fit comes
-// from malloc, so a large job still works, only without the saving.
+// from malloc, so a large job still works, only without the saving. Memory
+// freed into the arena is not reused, which costs a few more fresh pages than
+// malloc touches; leaving out the page cache's bulk start more than pays for
+// them.
 #include <sqlite3.h>
 
 #include <cstddef>
@@ -31,7 +34,7 @@
 #endif
 
 namespace {
-// One delivery's registry lookups take under 200 KB of it; pages never
+// One delivery's registry lookups take about 100 KB of it; pages never
 // touched cost no memory.
 constexpr size_t kArenaBytes = 1024 * 1024;
 alignas(16) char arena[kArenaBytes];
@@ -104,6 +107,10 @@ void mh_tune_sqlite() {
     // its defaults.
     sqlite3_config(SQLITE_CONFIG_SINGLETHREAD);
     sqlite3_config(SQLITE_CONFIG_MEMSTATUS, 0);
+    // Without it every connection starts with room for 20 pages at once, and
+    // writing their headers touches every one of those memory pages, where a
+    // delivery reads about six.
+    sqlite3_config(SQLITE_CONFIG_PAGECACHE, nullptr, 0, 0);
     if (FERNDROP_SQLITE_ARENA)
         sqlite3_config(SQLITE_CONFIG_MALLOC, &kArenaMethods);
 }
