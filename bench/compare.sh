@@ -341,6 +341,7 @@ EOF
     read -r -a load_inflight <<< "${FERNDROP_BENCH_LOAD_INFLIGHT:-1 4 16 64}"
     declare -A lcmd=(
       [minimal]="$T/bin/minimal $S/minspool $M/bench.test/min-%b/Maildir"
+      [minimal-nosync]="$T/bin/minimal --no-new-sync $S/minspool $M/bench.test/min-%b/Maildir"
       [minimal+registry]="$T/bin/minimal-registry --registry /var/lib/kavra/mail/handlers/handlers.db $sender box-%b@bench.test $S/minspool $M/bench.test/min-%b/Maildir"
       [ferndrop]="$FD -f $sender -d box-%b@bench.test -p $M"
       [ferndrop+lda]="$FD -f $sender -d inbox-%b@bench.test -p $M"
@@ -354,7 +355,7 @@ EOF
       [ -n "${FERNDROP_BENCH_LOAD_ROWS:-}" ] || load_rows+=(before)
       lcmd[before]="$T/bin/before -f $sender -d box-%b@bench.test -p $M"
     fi
-    declare -A lbox=([before]=box [minimal]=min [minimal+registry]=min [ferndrop]=box [ferndrop+lda]=inbox [ferndrop+lmtp]=lmtp [lda]=lda
+    declare -A lbox=([before]=box [minimal]=min [minimal-nosync]=min [minimal+registry]=min [ferndrop]=box [ferndrop+lda]=inbox [ferndrop+lmtp]=lmtp [lda]=lda
       [lmtp]=lmtpmin [procmail]=pm [maildrop]=md)
     stored() { find "$M/bench.test" -path "$M/bench.test/$1-*/Maildir/new/*" -type f | wc -l; }
     for round in $(seq "$load_rounds"); do
