@@ -73,7 +73,7 @@ TEST(SqliteMemory, RowsAndGrownStringsReadBackWholeThroughTheArenaAndBeyond) {
             return false;
         std::string joined(reinterpret_cast<const char *>(sqlite3_column_text(select, 0)));
         sqlite3_finalize(select);
-        char part[8];
+        char part[16];
         for (int k = 0; k < rows; k++)
             want += (snprintf(part, sizeof part, "%05d", k), part);
         return joined == want;
