@@ -14,6 +14,10 @@
 #   minimal-nosync the same without the fsync of new (procmail makes none)
 #   minimal+registry  the minimal program, first asking the handler registry
 #                  what a delivery must ask (static, with SQLite, as ferndrop)
+#   minimal+duties minimal+registry with what else every ferndrop run must do:
+#                  syslog start and summary lines, the settings and .qmail
+#                  files read, the input digested, the parent's stat line, the
+#                  Message-ID and the delivery-state lookup (Tokyo Cabinet)
 #   ferndrop       no handler applies (registry of 1,000 rows), .qmail with one
 #                  maildir line
 #   ferndrop+lda   no .qmail: INBOX through Dovecot's LDA
@@ -33,7 +37,7 @@
 # of its own) at 1, 4, 16 and 64 in flight, into one mailbox and spread over
 # 200, for ferndrop (maildir line; INBOX through the LDA; through LMTP),
 # procmail, maildrop, the LDA alone, the smallest LMTP client and the minimal
-# program: deliveries per second and p50/p99 latency, every batch checked for
+# program with and without the registry and the duties: deliveries per second and p50/p99 latency, every batch checked for
 # exactly as many stored messages as deliveries.
 #
 # usage (as root, from anywhere):
@@ -263,6 +267,7 @@ EOF
     [minimal]="$T/bin/minimal $S/minspool $M/bench.test/min/Maildir"
     [minimal-nosync]="$T/bin/minimal --no-new-sync $S/minspool $M/bench.test/min/Maildir"
     [minimal+registry]="$T/bin/minimal-registry --registry /var/lib/kavra/mail/handlers/handlers.db $sender box@bench.test $S/minspool $M/bench.test/min/Maildir"
+    [minimal+duties]="$T/bin/minimal-duties --duties /etc/ferndrop/ferndrop.conf /var/lib/kavra/mail/local/local.db $M/bench.test/box/.qmail --registry /var/lib/kavra/mail/handlers/handlers.db $sender box@bench.test $S/minspool $M/bench.test/min/Maildir"
     [ferndrop]="$FD -f $sender -d box@bench.test -p $M"
     [ferndrop+lda]="$FD -f $sender -d inbox@bench.test -p $M"
     [lda]="/usr/lib/dovecot/dovecot-lda -d lda@bench.test"
@@ -275,10 +280,10 @@ EOF
     [lmtp]="$T/bin/minimal --lmtp $T/dovecot-run/lmtp lmtpmin@bench.test"
   )
   declare -A newdir=(
-    [minimal]=min [minimal-nosync]=min [minimal+registry]=min [ferndrop]=box [ferndrop+lda]=inbox [lda]=lda [minimal+lda]=mlda [procmail]=pm [maildrop]=md
+    [minimal]=min [minimal-nosync]=min [minimal+registry]=min [minimal+duties]=min [ferndrop]=box [ferndrop+lda]=inbox [lda]=lda [minimal+lda]=mlda [procmail]=pm [maildrop]=md
     [ferndrop+lmtp]=lmtp [lmtp]=lmtpmin
   )
-  rows=(minimal minimal-nosync minimal+registry ferndrop ferndrop+lda lda minimal+lda ferndrop+lmtp lmtp procmail maildrop cat+sync feed-only)
+  rows=(minimal minimal-nosync minimal+registry minimal+duties ferndrop ferndrop+lda lda minimal+lda ferndrop+lmtp lmtp procmail maildrop cat+sync feed-only)
   if [ -x "$T/bin/before" ]; then
     cmd[before]="$T/bin/before -f $sender -d box@bench.test -p $M"; newdir[before]=box
     cmd[before+lda]="$T/bin/before -f $sender -d inbox@bench.test -p $M"; newdir[before+lda]=inbox
@@ -337,12 +342,13 @@ EOF
     echo "$batch" > "$out/load.batch"
     # FERNDROP_BENCH_LOAD_ROWS and FERNDROP_BENCH_LOAD_INFLIGHT narrow the
     # load mode for an experiment (rows and in-flight counts, blank-separated).
-    read -r -a load_rows <<< "${FERNDROP_BENCH_LOAD_ROWS:-ferndrop ferndrop+lda ferndrop+lmtp procmail maildrop lda lmtp minimal minimal+registry}"
+    read -r -a load_rows <<< "${FERNDROP_BENCH_LOAD_ROWS:-ferndrop ferndrop+lda ferndrop+lmtp procmail maildrop lda lmtp minimal minimal+registry minimal+duties}"
     read -r -a load_inflight <<< "${FERNDROP_BENCH_LOAD_INFLIGHT:-1 4 16 64}"
     declare -A lcmd=(
       [minimal]="$T/bin/minimal $S/minspool $M/bench.test/min-%b/Maildir"
       [minimal-nosync]="$T/bin/minimal --no-new-sync $S/minspool $M/bench.test/min-%b/Maildir"
       [minimal+registry]="$T/bin/minimal-registry --registry /var/lib/kavra/mail/handlers/handlers.db $sender box-%b@bench.test $S/minspool $M/bench.test/min-%b/Maildir"
+      [minimal+duties]="$T/bin/minimal-duties --duties /etc/ferndrop/ferndrop.conf /var/lib/kavra/mail/local/local.db $M/bench.test/box-%b/.qmail --registry /var/lib/kavra/mail/handlers/handlers.db $sender box-%b@bench.test $S/minspool $M/bench.test/min-%b/Maildir"
       [ferndrop]="$FD -f $sender -d box-%b@bench.test -p $M"
       [ferndrop+lda]="$FD -f $sender -d inbox-%b@bench.test -p $M"
       [ferndrop+lmtp]="$FD -f $sender -d lmtp-%b@bench.test -p $M"
@@ -355,7 +361,7 @@ EOF
       [ -n "${FERNDROP_BENCH_LOAD_ROWS:-}" ] || load_rows+=(before)
       lcmd[before]="$T/bin/before -f $sender -d box-%b@bench.test -p $M"
     fi
-    declare -A lbox=([before]=box [minimal]=min [minimal-nosync]=min [minimal+registry]=min [ferndrop]=box [ferndrop+lda]=inbox [ferndrop+lmtp]=lmtp [lda]=lda
+    declare -A lbox=([before]=box [minimal]=min [minimal-nosync]=min [minimal+registry]=min [minimal+duties]=min [ferndrop]=box [ferndrop+lda]=inbox [ferndrop+lmtp]=lmtp [lda]=lda
       [lmtp]=lmtpmin [procmail]=pm [maildrop]=md)
     stored() { find "$M/bench.test" -path "$M/bench.test/$1-*/Maildir/new/*" -type f | wc -l; }
     for round in $(seq "$load_rounds"); do
@@ -521,6 +527,8 @@ cp /usr/bin/procmail "$T/bin/procmail.plain"; cp /usr/bin/maildrop "$T/bin/maild
 gcc -O2 -o "$T/bin/minimal" "$repo/bench/minimal.c"
 gcc -O2 -static -o "$T/bin/registry_floor" "$repo/bench/registry_floor.c" -lsqlite3 -lm 2> /dev/null
 gcc -O2 -static -DREGISTRY -o "$T/bin/minimal-registry" "$repo/bench/minimal.c" -lsqlite3 -lm 2> /dev/null
+gcc -O2 -static -DREGISTRY -DDUTIES -o "$T/bin/minimal-duties" "$repo/bench/minimal.c" \
+  -lsqlite3 -ltokyocabinet -lxxhash -lz -lbz2 -lpthread -lm 2> /dev/null
 gcc -O2 -static -o "$T/bin/harness" "$repo/bench/harness.c"
 if [ "$variants" = 1 ]; then
   # The same objects, linked three more ways: static archives of SQLite and
@@ -675,6 +683,7 @@ load_table() {
       echo "| load, $i in flight, 200 mailboxes: ferndrop >= procmail per second | $fd vs $pd | $(verdict "$pd" "$fd") |"
       echo "| load, $i in flight, 200 mailboxes: ferndrop p99 <= procmail's | $fp vs $pp ms | $(verdict "$fp" "$pp") |"
       echo "| (floor: minimal+registry per second / p99) | $(lmed 200 "$i" minimal+registry 5) / $(lmed 200 "$i" minimal+registry 7) ms | - |"
+      echo "| (floor with the duties: minimal+duties per second / p99) | $(lmed 200 "$i" minimal+duties 5) / $(lmed 200 "$i" minimal+duties 7) ms | - |"
     done
     fl="$(lmed 200 16 ferndrop+lmtp 5)"; ll="$(lmed 200 16 lda 5)"
     echo "| load, 16 in flight, 200 mailboxes: ferndrop+lmtp above lda per second | $fl vs $ll | $(awk -v a="$fl" -v b="$ll" 'BEGIN { print (a > b) ? "met" : "NOT met" }') |"

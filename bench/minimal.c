@@ -12,6 +12,8 @@
  * usage: minimal SPOOL_DIR MAILDIR < message
  *        minimal --no-new-sync SPOOL_DIR MAILDIR < message
  *        minimal --registry DATABASE SENDER RECIPIENT SPOOL_DIR MAILDIR < message
+ *        minimal --duties SETTINGS STATE_DB INSTRUCTIONS --registry DATABASE SENDER RECIPIENT
+ *                SPOOL_DIR MAILDIR < message
  *        minimal SPOOL_DIR --then PROGRAM [ARG...] < message
  *        minimal --lmtp SOCKET RECIPIENT < message
  *
@@ -20,6 +22,15 @@
  * -DREGISTRY, static and with SQLite, as ferndrop is) first asks the handler
  * registry what bench/registry_floor.c asks: the floor for a delivery that
  * consults the registry.
+ *
+ * The --duties form (built with -DDUTIES as well, with Tokyo Cabinet and
+ * libxxhash) adds what every ferndrop run must do beyond the copy and the
+ * registry, each the plainest way the libraries allow: a start line and a
+ * summary line to syslog, the settings file and the mailbox's instruction
+ * file read, the input digested while it is spooled, the parent's stat line
+ * read (an input cut by a dying parent is no message), the Message-ID read
+ * from the spool and the delivery-state database asked for the record of
+ * that key. It is the floor for a delivery with ferndrop's duties.
  *
  * The third form is the floor for an agent that hands the message on to
  * another program (the IMAP server's delivery agent): the synced spool file
@@ -44,6 +55,16 @@
 #include "registry_floor.c"
 #endif
 
+#ifdef DUTIES
+#include <ctype.h>
+#include <syslog.h>
+#include <tchdb.h>
+#define XXH_STATIC_LINKING_ONLY
+#include <xxhash.h>
+
+static XXH3_state_t *digest; /* of the input, while it is spooled */
+#endif
+
 static int copy_fd(int in, int out) {
     char buf[4096];
     for (;;) {
@@ -52,6 +73,10 @@ static int copy_fd(int in, int out) {
             return 0;
         if (got < 0)
             return -1;
+#ifdef DUTIES
+        if (digest != NULL)
+            XXH3_128bits_update(digest, buf, (size_t)got);
+#endif
         for (ssize_t done = 0; done < got;) {
             ssize_t n = write(out, buf + done, (size_t)(got - done));
             if (n < 0)
@@ -116,11 +141,129 @@ static int lmtp(const char *path, const char *rcpt) {
     return rc;
 }
 
+#ifdef DUTIES
+/* A small file read whole and forgotten: what a run pays for its settings
+ * and for the mailbox's instructions. */
+static int read_whole(const char *path) {
+    char buf[4096];
+    int fd = open(path, O_RDONLY | O_CLOEXEC);
+    ssize_t n = fd < 0 ? -1 : 0;
+    while (fd >= 0 && (n = read(fd, buf, sizeof buf)) > 0)
+        ;
+    if (fd >= 0)
+        close(fd);
+    return n < 0 ? -1 : 0;
+}
+
+/* Whether the parent is exiting: PF_EXITING in the ninth field of its stat
+ * line. */
+static int parent_exiting(void) {
+    char path[32], line[1024];
+    snprintf(path, sizeof path, "/proc/%d/stat", (int)getppid());
+    int fd = open(path, O_RDONLY | O_CLOEXEC);
+    ssize_t n = fd < 0 ? -1 : read(fd, line, sizeof line - 1);
+    if (fd >= 0)
+        close(fd);
+    if (n <= 0)
+        return 1;
+    line[n] = '\0';
+    unsigned long flags = 0;
+    const char *end = strrchr(line, ')');
+    return end == NULL || sscanf(end + 1, " %*c %*d %*d %*d %*d %*d %lu", &flags) != 1 || (flags & 0x4) != 0;
+}
+
+/* The first header block's Message-ID, lower-cased, or "-" (the bench's
+ * messages have it unfolded in their first 4 KB). */
+static void message_id(const char *spool, char *id, size_t size) {
+    char buf[4097];
+    int fd = open(spool, O_RDONLY | O_CLOEXEC);
+    ssize_t n = fd < 0 ? -1 : read(fd, buf, sizeof buf - 1);
+    if (fd >= 0)
+        close(fd);
+    snprintf(id, size, "-");
+    if (n <= 0)
+        return;
+    buf[n] = '\0';
+    for (char *line = buf; *line != '\0' && *line != '\n';) {
+        char *nl = strchr(line, '\n');
+        if (nl == NULL)
+            break;
+        if (strncasecmp(line, "Message-ID:", 11) == 0) {
+            const char *v = line + 11;
+            while (*v == ' ' || *v == '\t')
+                v++;
+            size_t len = (size_t)(nl - v) < size - 1 ? (size_t)(nl - v) : size - 1;
+            for (size_t i = 0; i < len; i++)
+                id[i] = (char)tolower((unsigned char)v[i]);
+            id[len] = '\0';
+            return;
+        }
+        line = nl + 1;
+    }
+}
+
+/* 1 when the delivery-state database holds a record for the key, 0 when not
+ * (a database not made yet holds none), -1 when it cannot be read. */
+static int state_lookup(const char *database, const char *key) {
+    TCHDB *hdb = tchdbnew();
+    int found = -1;
+    if (tchdbopen(hdb, database, HDBOREADER)) {
+        char *value = tchdbget2(hdb, key);
+        found = value != NULL;
+        free(value);
+        tchdbclose(hdb);
+    } else if (tchdbecode(hdb) == TCENOFILE) {
+        found = 0;
+    }
+    tchdbdel(hdb);
+    return found;
+}
+
+/* Set by --duties: the paths it reads, and the addresses for its lines and
+ * its key. */
+static const char *settings, *state_db, *instructions, *sender, *recipient;
+static char id[1000];
+
+/* The duties between the spool and the store; 0 when the store may go on. */
+static int duties_after_spool(const char *spool) {
+    if (parent_exiting() || read_whole(instructions) != 0)
+        return -1;
+    XXH128_canonical_t sum;
+    XXH128_canonicalFromHash(&sum, XXH3_128bits_digest(digest));
+    char key[4096];
+    message_id(spool, id, sizeof id);
+    int n = snprintf(key, sizeof key, "%s %s %s ", id, sender, recipient);
+    for (size_t i = 0; i < sizeof sum.digest && n + 3 < (int)sizeof key; i++)
+        n += snprintf(key + n, sizeof key - (size_t)n, "%02x", sum.digest[i]);
+    return state_lookup(state_db, key) == 0 ? 0 : -1;
+}
+#endif
+
 int main(int argc, char **argv) {
     if (argc < 3)
         return 64;
     if (strcmp(argv[1], "--lmtp") == 0)
         return argc == 4 ? lmtp(argv[2], argv[3]) : 64;
+#ifdef DUTIES
+    XXH3_state_t input;
+    if (strcmp(argv[1], "--duties") == 0) {
+        if (argc != 11 || strcmp(argv[5], "--registry") != 0)
+            return 64;
+        settings = argv[2];
+        state_db = argv[3];
+        instructions = argv[4];
+        sender = argv[7];
+        recipient = argv[8];
+        openlog("minimal", LOG_PID, LOG_MAIL);
+        syslog(LOG_INFO, "minimal: from=%s to=%s", sender, recipient);
+        if (read_whole(settings) != 0)
+            return 75;
+        digest = &input;
+        XXH3_128bits_reset(digest);
+        argc -= 4;
+        argv += 4;
+    }
+#endif
 #ifdef REGISTRY
     if (strcmp(argv[1], "--registry") == 0) {
         if (argc != 7 || registry_lookups(argv[2], argv[3], argv[4]) != 0)
@@ -143,6 +286,12 @@ int main(int argc, char **argv) {
         unlink(spool);
         return 75;
     }
+#ifdef DUTIES
+    if (digest != NULL && duties_after_spool(spool) != 0) {
+        unlink(spool);
+        return 75;
+    }
+#endif
 
     if (strcmp(argv[2], "--then") == 0 && argc > 3) {
         int in = open(spool, O_RDONLY);
@@ -176,5 +325,10 @@ int main(int argc, char **argv) {
             close(dir);
     }
     unlink(spool);
+#ifdef DUTIES
+    if (digest != NULL)
+        syslog(LOG_INFO, "to=%s from=%s message_id=%s outcome=%s status=%d", recipient, sender, id,
+               rc == 0 ? "delivered" : "deferred", rc);
+#endif
     return rc;
 }
