@@ -349,6 +349,7 @@ EOF
       [minimal-nosync]="$T/bin/minimal --no-new-sync $S/minspool $M/bench.test/min-%b/Maildir"
       [minimal+registry]="$T/bin/minimal-registry --registry /var/lib/kavra/mail/handlers/handlers.db $sender box-%b@bench.test $S/minspool $M/bench.test/min-%b/Maildir"
       [minimal+duties]="$T/bin/minimal-duties --duties /etc/ferndrop/ferndrop.conf /var/lib/kavra/mail/local/local.db $M/bench.test/box-%b/.qmail --registry /var/lib/kavra/mail/handlers/handlers.db $sender box-%b@bench.test $S/minspool $M/bench.test/min-%b/Maildir"
+      [minimal+duties-nosync]="$T/bin/minimal-duties --duties /etc/ferndrop/ferndrop.conf /var/lib/kavra/mail/local/local.db $M/bench.test/box-%b/.qmail --registry /var/lib/kavra/mail/handlers/handlers.db $sender box-%b@bench.test --no-new-sync $S/minspool $M/bench.test/min-%b/Maildir"
       [ferndrop]="$FD -f $sender -d box-%b@bench.test -p $M"
       [ferndrop+lda]="$FD -f $sender -d inbox-%b@bench.test -p $M"
       [ferndrop+lmtp]="$FD -f $sender -d lmtp-%b@bench.test -p $M"
@@ -361,7 +362,7 @@ EOF
       [ -n "${FERNDROP_BENCH_LOAD_ROWS:-}" ] || load_rows+=(before)
       lcmd[before]="$T/bin/before -f $sender -d box-%b@bench.test -p $M"
     fi
-    declare -A lbox=([before]=box [minimal]=min [minimal-nosync]=min [minimal+registry]=min [minimal+duties]=min [ferndrop]=box [ferndrop+lda]=inbox [ferndrop+lmtp]=lmtp [lda]=lda
+    declare -A lbox=([before]=box [minimal]=min [minimal-nosync]=min [minimal+registry]=min [minimal+duties]=min [minimal+duties-nosync]=min [ferndrop]=box [ferndrop+lda]=inbox [ferndrop+lmtp]=lmtp [lda]=lda
       [lmtp]=lmtpmin [procmail]=pm [maildrop]=md)
     stored() { find "$M/bench.test" -path "$M/bench.test/$1-*/Maildir/new/*" -type f | wc -l; }
     for round in $(seq "$load_rounds"); do

@@ -13,7 +13,7 @@
  *        minimal --no-new-sync SPOOL_DIR MAILDIR < message
  *        minimal --registry DATABASE SENDER RECIPIENT SPOOL_DIR MAILDIR < message
  *        minimal --duties SETTINGS STATE_DB INSTRUCTIONS --registry DATABASE SENDER RECIPIENT
- *                SPOOL_DIR MAILDIR < message
+ *                [--no-new-sync] SPOOL_DIR MAILDIR < message
  *        minimal SPOOL_DIR --then PROGRAM [ARG...] < message
  *        minimal --lmtp SOCKET RECIPIENT < message
  *
@@ -30,7 +30,8 @@
  * file read, the input digested while it is spooled, the parent's stat line
  * read (an input cut by a dying parent is no message), the Message-ID read
  * from the spool and the delivery-state database asked for the record of
- * that key. It is the floor for a delivery with ferndrop's duties.
+ * that key. It is the floor for a delivery with ferndrop's duties; with
+ * --no-new-sync, for one that leaves out the sync of new as procmail does.
  *
  * The third form is the floor for an agent that hands the message on to
  * another program (the IMAP server's delivery agent): the synced spool file
@@ -247,7 +248,7 @@ int main(int argc, char **argv) {
 #ifdef DUTIES
     XXH3_state_t input;
     if (strcmp(argv[1], "--duties") == 0) {
-        if (argc != 11 || strcmp(argv[5], "--registry") != 0)
+        if (argc < 11 || strcmp(argv[5], "--registry") != 0)
             return 64;
         settings = argv[2];
         state_db = argv[3];
@@ -266,7 +267,7 @@ int main(int argc, char **argv) {
 #endif
 #ifdef REGISTRY
     if (strcmp(argv[1], "--registry") == 0) {
-        if (argc != 7 || registry_lookups(argv[2], argv[3], argv[4]) != 0)
+        if (argc < 7 || registry_lookups(argv[2], argv[3], argv[4]) != 0)
             return 75;
         argc -= 4;
         argv += 4;
