@@ -18,6 +18,9 @@
 #                  syslog start and summary lines, the settings and .qmail
 #                  files read, the input digested, the parent's stat line, the
 #                  Message-ID and the delivery-state lookup (Tokyo Cabinet)
+#   minimal+duties+lda  the same duties with no .qmail (so no state lookup),
+#                  then Dovecot's LDA reading the spool file, started by the
+#                  path ferndrop starts it by
 #   ferndrop       no handler applies (registry of 1,000 rows), .qmail with one
 #                  maildir line
 #   ferndrop+lda   no .qmail: INBOX through Dovecot's LDA
@@ -272,6 +275,7 @@ EOF
     [ferndrop+lda]="$FD -f $sender -d inbox@bench.test -p $M"
     [lda]="/usr/lib/dovecot/dovecot-lda -d lda@bench.test"
     [minimal+lda]="$T/bin/minimal $S/minspool --then /usr/lib/dovecot/dovecot-lda -d mlda@bench.test"
+    [minimal+duties+lda]="$T/bin/minimal-duties --duties /etc/ferndrop/ferndrop.conf /var/lib/kavra/mail/local/local.db $M/bench.test/mlda/.qmail --registry /var/lib/kavra/mail/handlers/handlers.db $sender mlda@bench.test $S/minspool --then /usr/libexec/dovecot/dovecot-lda -d mlda@bench.test"
     [procmail]="/usr/bin/procmail $T/rc/procmailrc"
     [maildrop]="/usr/bin/maildrop $T/rc/mailfilter"
     [cat+sync]="/bin/sh -c 'cat > $S/catspool/m && sync $S/catspool/m'"
@@ -280,10 +284,10 @@ EOF
     [lmtp]="$T/bin/minimal --lmtp $T/dovecot-run/lmtp lmtpmin@bench.test"
   )
   declare -A newdir=(
-    [minimal]=min [minimal-nosync]=min [minimal+registry]=min [minimal+duties]=min [ferndrop]=box [ferndrop+lda]=inbox [lda]=lda [minimal+lda]=mlda [procmail]=pm [maildrop]=md
+    [minimal]=min [minimal-nosync]=min [minimal+registry]=min [minimal+duties]=min [ferndrop]=box [ferndrop+lda]=inbox [lda]=lda [minimal+lda]=mlda [minimal+duties+lda]=mlda [procmail]=pm [maildrop]=md
     [ferndrop+lmtp]=lmtp [lmtp]=lmtpmin
   )
-  rows=(minimal minimal-nosync minimal+registry minimal+duties ferndrop ferndrop+lda lda minimal+lda ferndrop+lmtp lmtp procmail maildrop cat+sync feed-only)
+  rows=(minimal minimal-nosync minimal+registry minimal+duties ferndrop ferndrop+lda lda minimal+lda minimal+duties+lda ferndrop+lmtp lmtp procmail maildrop cat+sync feed-only)
   if [ -x "$T/bin/before" ]; then
     cmd[before]="$T/bin/before -f $sender -d box@bench.test -p $M"; newdir[before]=box
     cmd[before+lda]="$T/bin/before -f $sender -d inbox@bench.test -p $M"; newdir[before+lda]=inbox
@@ -677,6 +681,7 @@ load_table() {
   echo "| (LMTP floor: lmtp / lda) | $(ratio "$(med 2K lmtp)" "$l2")x | - |"
   echo "| 2 KB INBOX: ferndrop+lda <= 1.1x lda | $(ratio "$(med 2K ferndrop+lda)" "$l2")x | $(verdict "$(ratio "$(med 2K ferndrop+lda)" "$l2")" 1.1) |"
   echo "| (INBOX floor: minimal+lda / lda) | $(ratio "$(med 2K minimal+lda)" "$l2")x | - |"
+  echo "| (INBOX floor with the duties: minimal+duties+lda / lda) | $(ratio "$(med 2K minimal+duties+lda)" "$l2")x | - |"
   if [ -s "$out/load.tsv" ]; then
     for i in 16 64; do
       fd="$(lmed 200 "$i" ferndrop 5)"; pd="$(lmed 200 "$i" procmail 5)"

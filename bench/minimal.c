@@ -14,6 +14,7 @@
  *        minimal --registry DATABASE SENDER RECIPIENT SPOOL_DIR MAILDIR < message
  *        minimal --duties SETTINGS STATE_DB INSTRUCTIONS --registry DATABASE SENDER RECIPIENT
  *                [--no-new-sync] SPOOL_DIR MAILDIR < message
+ *        minimal --duties ... --registry ... SPOOL_DIR --then PROGRAM [ARG...] < message
  *        minimal SPOOL_DIR --then PROGRAM [ARG...] < message
  *        minimal --lmtp SOCKET RECIPIENT < message
  *
@@ -31,7 +32,9 @@
  * read (an input cut by a dying parent is no message), the Message-ID read
  * from the spool and the delivery-state database asked for the record of
  * that key. It is the floor for a delivery with ferndrop's duties; with
- * --no-new-sync, for one that leaves out the sync of new as procmail does.
+ * --no-new-sync, for one that leaves out the sync of new as procmail does;
+ * with --then in place of the maildir and no instruction file (so no state
+ * to look up), for ferndrop's way into INBOX through the LDA.
  *
  * The third form is the floor for an agent that hands the message on to
  * another program (the IMAP server's delivery agent): the synced spool file
@@ -41,6 +44,7 @@
  * server (LHLO, MAIL FROM:<>, RCPT TO, DATA with CRLF and dot-stuffing), 0
  * when the server took the message.
  */
+#include <errno.h>
 #include <fcntl.h>
 #include <sys/socket.h>
 #include <sys/un.h>
@@ -144,10 +148,12 @@ static int lmtp(const char *path, const char *rcpt) {
 
 #ifdef DUTIES
 /* A small file read whole and forgotten: what a run pays for its settings
- * and for the mailbox's instructions. */
+ * and for the mailbox's instructions. 1 when there is no such file. */
 static int read_whole(const char *path) {
     char buf[4096];
     int fd = open(path, O_RDONLY | O_CLOEXEC);
+    if (fd < 0 && errno == ENOENT)
+        return 1;
     ssize_t n = fd < 0 ? -1 : 0;
     while (fd >= 0 && (n = read(fd, buf, sizeof buf)) > 0)
         ;
@@ -225,20 +231,35 @@ static int state_lookup(const char *database, const char *key) {
 static const char *settings, *state_db, *instructions, *sender, *recipient;
 static char id[1000];
 
-/* The duties between the spool and the store; 0 when the store may go on. */
+/* The duties between the spool and the store; 0 when the store may go on.
+ * Without instructions the message goes to INBOX with no state to look up,
+ * but its Message-ID is still read, for the summary line. */
 static int duties_after_spool(const char *spool) {
-    if (parent_exiting() || read_whole(instructions) != 0)
+    int read = parent_exiting() ? -1 : read_whole(instructions);
+    if (read < 0)
         return -1;
+    message_id(spool, id, sizeof id);
+    if (read == 1)
+        return 0;
     XXH128_canonical_t sum;
     XXH128_canonicalFromHash(&sum, XXH3_128bits_digest(digest));
     char key[4096];
-    message_id(spool, id, sizeof id);
     int n = snprintf(key, sizeof key, "%s %s %s ", id, sender, recipient);
     for (size_t i = 0; i < sizeof sum.digest && n + 3 < (int)sizeof key; i++)
         n += snprintf(key + n, sizeof key - (size_t)n, "%02x", sum.digest[i]);
     return state_lookup(state_db, key) == 0 ? 0 : -1;
 }
 #endif
+
+/* The run's end: with the duties, its summary line. */
+static int finish(int rc) {
+#ifdef DUTIES
+    if (digest != NULL)
+        syslog(LOG_INFO, "to=%s from=%s message_id=%s outcome=%s status=%d", recipient, sender, id,
+               rc == 0 ? "delivered" : "deferred", rc);
+#endif
+    return rc;
+}
 
 int main(int argc, char **argv) {
     if (argc < 3)
@@ -306,7 +327,7 @@ int main(int argc, char **argv) {
         int status = 0;
         int rc = pid > 0 && waitpid(pid, &status, 0) == pid && WIFEXITED(status) ? WEXITSTATUS(status) : 75;
         unlink(spool);
-        return rc;
+        return finish(rc);
     }
 
     char name[256], tmp[4096], new_[4096], newdir[4096];
@@ -326,10 +347,5 @@ int main(int argc, char **argv) {
             close(dir);
     }
     unlink(spool);
-#ifdef DUTIES
-    if (digest != NULL)
-        syslog(LOG_INFO, "to=%s from=%s message_id=%s outcome=%s status=%d", recipient, sender, id,
-               rc == 0 ? "delivered" : "deferred", rc);
-#endif
-    return rc;
+    return finish(rc);
 }
