@@ -235,11 +235,11 @@ static char id[1000];
  * Without instructions the message goes to INBOX with no state to look up,
  * but its Message-ID is still read, for the summary line. */
 static int duties_after_spool(const char *spool) {
-    int read = parent_exiting() ? -1 : read_whole(instructions);
-    if (read < 0)
+    int none = parent_exiting() ? -1 : read_whole(instructions);
+    if (none < 0)
         return -1;
     message_id(spool, id, sizeof id);
-    if (read == 1)
+    if (none == 1)
         return 0;
     XXH128_canonical_t sum;
     XXH128_canonicalFromHash(&sum, XXH3_128bits_digest(digest));
