@@ -40,8 +40,9 @@
 # of its own) at 1, 4, 16 and 64 in flight, into one mailbox and spread over
 # 200, for ferndrop (maildir line; INBOX through the LDA; through LMTP),
 # procmail, maildrop, the LDA alone, the smallest LMTP client and the minimal
-# program with and without the registry and the duties: deliveries per second and p50/p99 latency, every batch checked for
-# exactly as many stored messages as deliveries.
+# program with and without the registry and the duties: deliveries per second
+# and p50/p99 latency, every batch checked for exactly as many stored messages
+# as deliveries.
 #
 # usage (as root, from anywhere):
 #   bench/compare.sh [--quick] [--link-variants] [--report FILE]
