@@ -46,7 +46,7 @@ ExitLine finish(const char *spoolPath, ExitLine line, const RunLook *look) {
     if (look != nullptr)
         return line;
     try {
-        runRecordMessageId(messageIdOf(spoolPath).c_str());
+        runRecordMessageId(keyedMessageIdOf(spoolPath).c_str());
     } catch (...) {  // the summary goes without it rather than the run without a status
     }
     unlink(spoolPath);

@@ -77,15 +77,20 @@ bool inputCut(int parentAtStart) {
     // A dying process closes its descriptors before its children are
     // re-parented, so the end of input can come first: its flags say it is
     // exiting (PF_EXITING, the ninth field of its stat line).
+    // One read of the whole line: a stream would cost a stat and a buffer
+    // on every delivery.
     char path[32];
     snprintf(path, sizeof path, "/proc/%d/stat", parent);
-    if (FILE *stat = cut ? nullptr : fopen(path, "re")) {
+    int fd = cut ? -1 : open(path, O_RDONLY | O_CLOEXEC);
+    if (fd >= 0) {
         char line[1024];
+        ssize_t got = read(fd, line, sizeof line - 1);
+        close(fd);
+        line[got > 0 ? got : 0] = '\0';
         unsigned long flags = 0;
-        const char *end = fgets(line, sizeof line, stat) ? strrchr(line, ')') : nullptr;
+        const char *end = strrchr(line, ')');
         if (end != nullptr && sscanf(end + 1, " %*c %*d %*d %*d %*d %*d %lu", &flags) == 1)
             cut = (flags & 0x4) != 0;
-        fclose(stat);
     }
     if (cut)
         LogFunction(19, "Message input cut: the process that started ferndrop died before its end");

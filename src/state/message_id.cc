@@ -90,7 +90,9 @@ std::string messageIdOf(const std::string &messagePath) {
 
 namespace {
 std::string receivedDigest;  // of the bytes the transfer agent gave, when known
-}
+std::string scannedPath;     // readMessageId's file and what it found there
+std::string scannedValue;
+}  // namespace
 
 void setMessageDigest(const std::string &digest) { receivedDigest = digest; }
 
@@ -102,10 +104,16 @@ bool readMessageId(const std::string &messagePath, const std::string &sender,
     if (receivedDigest.empty() && !files_digest(messagePath.c_str(), digest))
         return false;
     std::string value = messageIdOf(messagePath);
+    scannedPath = messagePath;
+    scannedValue = value;
     if (value.empty())
         value = "-";
     for (char &c : value)
         c = asciiLower(c);
     key = value + " " + sender + " " + recipient + " " + (receivedDigest.empty() ? digest : receivedDigest);
     return true;
+}
+
+std::string keyedMessageIdOf(const std::string &messagePath) {
+    return messagePath == scannedPath ? scannedValue : messageIdOf(messagePath);
 }

@@ -16,3 +16,7 @@ bool readMessageId(const std::string &messagePath, const std::string &sender,
 // The first Message-ID value of the header as written (trimmed, case kept),
 // by the same rules; empty when there is none.
 std::string messageIdOf(const std::string &messagePath);
+
+// The same, taken from readMessageId's scan when that was of this file: a run
+// keys its state and names its summary line by one message, scanned once.
+std::string keyedMessageIdOf(const std::string &messagePath);
