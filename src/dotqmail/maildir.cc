@@ -2,15 +2,20 @@
 // usual tmp-then-new scheme.
 //
 // Promises: a reader scanning `new` sees either nothing or the whole message,
-// never a partial one (the file is complete, synced and closed before the
-// rename). Success means the message is in `new` on disk: the `new` directory
-// is synced after the rename, as the most careful IMAP servers do, so that a
-// power loss right after the transfer agent forgot the message cannot leave
-// it, whole but unseen, in `tmp`. A failure leaves nothing in `new` (a partial
-// file may stay in `tmp`, where maildir cleaners expect leftovers); when the
-// sync of `new` fails, the file is renamed back into `tmp`, so that the retry
-// stores the one copy. A path too long for the name buffers is refused rather
-// than cut, since a cut path would store the message somewhere nobody looks.
+// never a partial one (the file is complete before the rename), and its name
+// never reaches the disk ahead of its content: the data is written out and
+// waited for before the rename. Success means the message is in `new` on
+// disk: the file and then the `new` directory are synced after the rename, as
+// the most careful IMAP servers sync `new`, so that a power loss right after
+// the transfer agent forgot the message cannot leave it, whole but unseen, in
+// `tmp`. Syncing after the rename rather than before lets a journaling file
+// system commit the file and its name at once, one journal commit per
+// delivery instead of two. A failure leaves nothing in `new` (a partial file
+// may stay in `tmp`, where maildir cleaners expect leftovers); when a sync
+// after the rename fails, the file is renamed back into `tmp`, so that the
+// retry stores the one copy. A path too long for the name buffers is refused
+// rather than cut, since a cut path would store the message somewhere nobody
+// looks.
 // Names: the temporary one is seconds, microseconds, pid and 64 random bits,
 // so that runs in other pid namespaces (containers) or on a stepped clock
 // never meet; the name in `new` adds device, inode and size (",S="), the form
@@ -100,6 +105,18 @@ int syncNewDirectory(const char *newPath) {
     return 0;
 }
 
+// The data on the disk, waited for, without the journal commit a sync would
+// force here: the syncs after the rename commit it together with the name. A
+// file system that cannot write out a range gets the sync before the rename.
+int writeOut(int fd) {
+    if (sync_file_range(fd, 0, 0, SYNC_FILE_RANGE_WAIT_BEFORE | SYNC_FILE_RANGE_WRITE | SYNC_FILE_RANGE_WAIT_AFTER) ==
+        0)
+        return 0;
+    if (errno != EINVAL && errno != ENOSYS && errno != ESPIPE && errno != EOPNOTSUPP)
+        return -1;
+    return fsync(fd);
+}
+
 }  // namespace
 
 int deliverMaildir(const char *messagePath, const char *maildir) {
@@ -136,18 +153,15 @@ int deliverMaildir(const char *messagePath, const char *maildir) {
     }
     // Without this a crash after the rename could leave an empty or partial
     // file in `new`, which readers would take for the message.
-    if (fsync(fd) != 0) {
+    if (writeOut(fd) != 0) {
         LogFunction(3, "System error: %s\n", strerror(errno));
         close(fd);
         return -1;
     }
-    if (close(fd) != 0) {
-        LogFunction(3, "System error: %s\n", strerror(errno));
-        return -1;
-    }
     struct stat st;
-    if (stat(tmpPath, &st) != 0) {
+    if (fstat(fd, &st) != 0) {
         LogFunction(3, "System error: %s\n", strerror(errno));
+        close(fd);
         return -1;
     }
     for (int draw = 0;; draw++) {
@@ -158,6 +172,7 @@ int deliverMaildir(const char *messagePath, const char *maildir) {
                  randomPart(), host.c_str(), static_cast<long long>(st.st_size));
         if (!maildirPath(newPath, maildir, "new", final)) {
             LogFunction(3, "Maildir path too long: %s", maildir);
+            close(fd);
             return -1;
         }
         int moved = moveNoReplace(tmpPath, newPath);
@@ -165,10 +180,16 @@ int deliverMaildir(const char *messagePath, const char *maildir) {
             break;
         if (moved < 0 || draw == kMaxNameDraws) {
             LogFunction(3, "System error: %s\n", moved < 0 ? strerror(errno) : "name clash");
+            close(fd);
             return -1;
         }
     }
-    if (syncNewDirectory(newPath) != 0) {
+    int synced = fsync(fd);
+    if (close(fd) != 0)
+        synced = -1;
+    if (synced != 0)
+        LogFunction(3, "System error: %s\n", strerror(errno));
+    if (synced != 0 || syncNewDirectory(newPath) != 0) {
         // Not known to be on disk, so not delivered. (A reader that already
         // took it leaves the rename nothing to do; a retry then stores it
         // again: a duplicate, never a loss.)

@@ -657,13 +657,19 @@ def explain(w):
 
 
 def maildir_new_synced(w):
-    """Exit 0 means the message is in new on disk: a failed sync of new defers, and the retry stores one copy."""
+    """Exit 0 means the message is in new on disk: a failed sync of new defers. The data reaches the disk before the
+    name: a failed write-out defers, and where a file system cannot write out a range the file is synced before the
+    rename. The retry stores one copy."""
     w.write(".qmail", "./Maildir/\n")
     noid = "Subject: x\n\nbody\n"
-    expect(w.run(msg=noid, pre=STRACE + ["trace=fsync", "-e", "inject=fsync:error=EIO:when=2"]), 75,
-           "3 System error: Input/output error\n")
-    check(not new(w), "left in new")
-    expect(w.run(msg=noid), 0)
+    for fault in ["fsync:error=EIO:when=2", "sync_file_range:error=EIO"]:
+        expect(w.run(msg=noid, pre=STRACE + ["trace=fsync,sync_file_range", "-e", "inject=" + fault]), 75,
+               "3 System error: Input/output error\n")
+        check(not new(w), f"left in new after {fault}")
+    order = w.dir + "/order"
+    expect(w.run(msg=noid, pre=["strace", "-o", order, "-e", "trace=fsync,sync_file_range,renameat2", "-e",
+                                "inject=sync_file_range:error=ENOSYS"]), 0)
+    check([l.split("(")[0] for l in open(order)][:3] == ["sync_file_range", "fsync", "renameat2"], "no sync before")
     check(len(new(w)) == 1, "copies after the retry")
 
 

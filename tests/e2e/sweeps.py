@@ -89,7 +89,7 @@ def faults(w):
     empty bucket array) by their first and last."""
     job(w)
     cases = dups = bounced = 0
-    for sc, err in [("write", "EIO"), ("write", "ENOSPC"), ("fsync", "EIO"), ("rename", "EIO"), ("close", "EIO"),
+    for sc, err in [("write", "EIO"), ("write", "ENOSPC"), ("fsync", "EIO"), ("sync_file_range", "EIO"), ("rename", "EIO"), ("close", "EIO"),
                     ("openat", "EIO"), ("read", "EIO"), ("unlink", "EIO"), ("flock", "EIO")]:
         reset(w)
         check(traced(w, "-e", f"trace={sc}").status == 0, "clean traced run failed")
