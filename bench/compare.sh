@@ -9,8 +9,8 @@
 # (callgrind) and peak resident memory (GNU time).
 #
 # Rows:
-#   minimal        bench/minimal.c: spool, copy into tmp (fsync), rename,
-#                  fsync of new
+#   minimal        bench/minimal.c: spool, copy into tmp (written out),
+#                  rename, fsync of the file and of new (ferndrop's order)
 #   minimal-nosync the same without the fsync of new (procmail makes none)
 #   minimal+registry  the minimal program, first asking the handler registry
 #                  what a delivery must ask (static, with SQLite, as ferndrop)
