@@ -10,7 +10,7 @@
 #
 # Rows:
 #   minimal        bench/minimal.c: spool, copy into tmp (written out),
-#                  rename, fsync of the file and of new (ferndrop's order)
+#                  rename, fsync of new and of the file (ferndrop's order)
 #   minimal-nosync the same without the fsync of new (procmail makes none)
 #   minimal+registry  the minimal program, first asking the handler registry
 #                  what a delivery must ask (static, with SQLite, as ferndrop)

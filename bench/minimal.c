@@ -2,7 +2,7 @@
  * nothing else. The message is read from standard input into a private spool
  * file (not synced: the transfer agent keeps the message until success), copied
  * into the maildir's tmp, its data written out and waited for, renamed into
- * new, then the file and the new directory synced (so that the file and the
+ * new, then the new directory and the file synced (so that the file and the
  * rename are on disk before success is reported; a journaling file system
  * commits both at once), and the spool file is removed. This is ferndrop's
  * order; a sync before the rename would cost a second journal commit. No
@@ -344,9 +344,9 @@ int main(int argc, char **argv) {
     int rc = 75;
     if (in >= 0 && out >= 0 && copy_fd(in, out) == 0 &&
         sync_file_range(out, 0, 0, SYNC_FILE_RANGE_WAIT_BEFORE | SYNC_FILE_RANGE_WRITE | SYNC_FILE_RANGE_WAIT_AFTER) == 0 &&
-        rename(tmp, new_) == 0 && fsync(out) == 0) {
+        rename(tmp, new_) == 0) {
         int dir = sync_new ? open(newdir, O_RDONLY | O_DIRECTORY) : -1;
-        if (!sync_new || (dir >= 0 && fsync(dir) == 0))
+        if ((!sync_new || (dir >= 0 && fsync(dir) == 0)) && fsync(out) == 0)
             rc = 0;
         if (dir >= 0)
             close(dir);

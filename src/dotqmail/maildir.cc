@@ -5,8 +5,8 @@
 // never a partial one (the file is complete before the rename), and its name
 // never reaches the disk ahead of its content: the data is written out and
 // waited for before the rename. Success means the message is in `new` on
-// disk: the file and then the `new` directory are synced after the rename, as
-// the most careful IMAP servers sync `new`, so that a power loss right after
+// disk: the `new` directory and the file are synced after the rename (the
+// most careful IMAP servers sync `new` too), so that a power loss right after
 // the transfer agent forgot the message cannot leave it, whole but unseen, in
 // `tmp`. Syncing after the rename rather than before lets a journaling file
 // system commit the file and its name at once, one journal commit per
@@ -184,12 +184,20 @@ int deliverMaildir(const char *messagePath, const char *maildir) {
             return -1;
         }
     }
-    int synced = fsync(fd);
-    if (close(fd) != 0)
-        synced = -1;
-    if (synced != 0)
+    // `new` first: ext4 syncs a directory by committing all the journal
+    // holds, this file and its name included, and the file's own sync then
+    // finds nothing left to commit. The other way round, on a busy journal
+    // the sync of `new` would wait for a second commit, of other runs' work.
+    int synced = syncNewDirectory(newPath);
+    if (synced == 0 && fsync(fd) != 0) {
         LogFunction(3, "System error: %s\n", strerror(errno));
-    if (synced != 0 || syncNewDirectory(newPath) != 0) {
+        synced = -1;
+    }
+    if (close(fd) != 0 && synced == 0) {
+        LogFunction(3, "System error: %s\n", strerror(errno));
+        synced = -1;
+    }
+    if (synced != 0) {
         // Not known to be on disk, so not delivered. (A reader that already
         // took it leaves the rename nothing to do; a retry then stores it
         // again: a duplicate, never a loss.)

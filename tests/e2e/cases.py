@@ -657,20 +657,26 @@ def explain(w):
 
 
 def maildir_new_synced(w):
-    """Exit 0 means the message is in new on disk: a failed sync of new defers. The data reaches the disk before the
-    name: a failed write-out defers, and where a file system cannot write out a range the file is synced before the
-    rename. The retry stores one copy."""
+    """Exit 0 means the message is in new on disk, and its name never reaches the disk before its data: the data is
+    written out before the rename, new and the file are synced after it (a failure of either defers), and where a file
+    system cannot write out a range the file is synced before the rename. The retry stores one copy."""
     w.write(".qmail", "./Maildir/\n")
     noid = "Subject: x\n\nbody\n"
-    for fault in ["fsync:error=EIO:when=2", "sync_file_range:error=EIO"]:
+    for fault in ["fsync:error=EIO:when=1", "sync_file_range:error=EIO"]:
         expect(w.run(msg=noid, pre=STRACE + ["trace=fsync,sync_file_range", "-e", "inject=" + fault]), 75,
                "3 System error: Input/output error\n")
         check(not new(w), f"left in new after {fault}")
     order = w.dir + "/order"
-    expect(w.run(msg=noid, pre=["strace", "-o", order, "-e", "trace=fsync,sync_file_range,renameat2", "-e",
-                                "inject=sync_file_range:error=ENOSYS"]), 0)
-    check([l.split("(")[0] for l in open(order)][:3] == ["sync_file_range", "fsync", "renameat2"], "no sync before")
+
+    def steps(*inject):
+        expect(w.run(msg=noid, pre=["strace", "-y", "-o", order, "-e", "trace=fsync,sync_file_range,renameat2", *inject]),
+               0)
+        return [l.split("(")[0] + " new" * ("/new>" in l) for l in open(order) if "(" in l]
+    got = steps()
+    check(got == ["sync_file_range", "renameat2", "fsync new", "fsync"], f"order of the syncs: {got}")
     check(len(new(w)) == 1, "copies after the retry")
+    got = steps("-e", "inject=sync_file_range:error=ENOSYS")
+    check(got == ["sync_file_range", "fsync", "renameat2", "fsync new", "fsync"], f"without the write-out: {got}")
 
 
 CASES.update(address_extensions=address_extensions, settings_documented=settings_documented, deadlines=deadlines,
