@@ -109,8 +109,8 @@ int syncNewDirectory(const char *newPath) {
 // force here: the syncs after the rename commit it together with the name. A
 // file system that cannot write out a range gets the sync before the rename.
 int writeOut(int fd) {
-    if (sync_file_range(fd, 0, 0, SYNC_FILE_RANGE_WAIT_BEFORE | SYNC_FILE_RANGE_WRITE | SYNC_FILE_RANGE_WAIT_AFTER) ==
-        0)
+    const unsigned int whole = SYNC_FILE_RANGE_WAIT_BEFORE | SYNC_FILE_RANGE_WRITE | SYNC_FILE_RANGE_WAIT_AFTER;
+    if (sync_file_range(fd, 0, 0, whole) == 0)
         return 0;
     if (errno != EINVAL && errno != ENOSYS && errno != ESPIPE && errno != EOPNOTSUPP)
         return -1;
