@@ -4,7 +4,8 @@
 // Promises: a reader scanning `new` sees either nothing or the whole message,
 // never a partial one (the file is complete before the rename), and its name
 // never reaches the disk ahead of its content: the data is written out and
-// waited for before the rename. Success means the message is in `new` on
+// waited for before the rename (synced before it, on file systems not known
+// to keep that order). Success means the message is in `new` on
 // disk: the `new` directory and the file are synced after the rename (the
 // most careful IMAP servers sync `new` too), so that a power loss right after
 // the transfer agent forgot the message cannot leave it, whole but unseen, in
@@ -25,9 +26,11 @@
 #include <cstdio>
 #include <cstring>
 #include <fcntl.h>
+#include <linux/magic.h>
 #include <string>
 #include <sys/random.h>
 #include <sys/stat.h>
+#include <sys/statfs.h>
 #include <sys/time.h>
 #include <unistd.h>
 
@@ -105,16 +108,23 @@ int syncNewDirectory(const char *newPath) {
     return 0;
 }
 
+// File systems whose journal cannot hold a name ahead of the size of data
+// already written out (tmpfs keeps nothing over a restart anyway). Elsewhere,
+// NFS above all, where a rename is durable at once while written data waits
+// for a commit, only a sync before the rename keeps the order.
+bool ordersDataBeforeName(int fd) {
+    struct statfs fs;
+    return fstatfs(fd, &fs) == 0 &&
+           (fs.f_type == EXT4_SUPER_MAGIC || fs.f_type == XFS_SUPER_MAGIC || fs.f_type == TMPFS_MAGIC);
+}
+
 // The data on the disk, waited for, without the journal commit a sync would
-// force here: the syncs after the rename commit it together with the name. A
-// file system that cannot write out a range gets the sync before the rename.
+// force here: the syncs after the rename commit it together with the name.
 int writeOut(int fd) {
+    if (!ordersDataBeforeName(fd))
+        return fsync(fd);
     const unsigned int whole = SYNC_FILE_RANGE_WAIT_BEFORE | SYNC_FILE_RANGE_WRITE | SYNC_FILE_RANGE_WAIT_AFTER;
-    if (sync_file_range(fd, 0, 0, whole) == 0)
-        return 0;
-    if (errno != EINVAL && errno != ENOSYS && errno != ESPIPE && errno != EOPNOTSUPP)
-        return -1;
-    return fsync(fd);
+    return sync_file_range(fd, 0, 0, whole);
 }
 
 }  // namespace
