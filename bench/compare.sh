@@ -10,7 +10,8 @@
 #
 # Rows:
 #   minimal        bench/minimal.c: spool, copy into tmp (written out),
-#                  rename, fsync of new and of the file (ferndrop's order)
+#                  rename, fsync of new and of the file (ferndrop's order;
+#                  on an ext4 with its journal, of new alone, as ferndrop)
 #   minimal-nosync the same without the fsync of new (procmail makes none)
 #   minimal+registry  the minimal program, first asking the handler registry
 #                  what a delivery must ask (static, with SQLite, as ferndrop)

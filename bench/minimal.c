@@ -4,7 +4,8 @@
  * into the maildir's tmp, its data written out and waited for, renamed into
  * new, then the new directory and the file synced (so that the file and the
  * rename are on disk before success is reported; a journaling file system
- * commits both at once), and the spool file is removed. This is ferndrop's
+ * commits both at once, and on an ext4 with its journal the sync of new alone
+ * does, so there the file's is left out), and the spool file is removed. This is ferndrop's
  * order; a sync before the rename would cost a second journal commit. No
  * logging, no configuration, no locale, no stdio.
  *
@@ -51,6 +52,8 @@
 #include <errno.h>
 #include <fcntl.h>
 #include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/sysmacros.h>
 #include <sys/un.h>
 #include <sys/wait.h>
 #include <stdio.h>
@@ -265,6 +268,23 @@ static int finish(int rc) {
     return rc;
 }
 
+/* As ferndrop tells it: on an ext4 with its journal in itself, the commit
+ * that syncs new carries the file too, and the file's own sync is left out. */
+static int ext4_with_journal(int fd) {
+    struct stat st;
+    char link[64], target[512], journal[600];
+    if (fstat(fd, &st) != 0)
+        return 0;
+    snprintf(link, sizeof link, "/sys/dev/block/%u:%u", major(st.st_dev), minor(st.st_dev));
+    ssize_t n = readlink(link, target, sizeof target - 1);
+    if (n <= 0)
+        return 0;
+    target[n] = '\0';
+    const char *slash = strrchr(target, '/');
+    snprintf(journal, sizeof journal, "/proc/fs/jbd2/%s-8", slash != NULL ? slash + 1 : target);
+    return access(journal, F_OK) == 0;
+}
+
 int main(int argc, char **argv) {
     if (argc < 3)
         return 64;
@@ -346,7 +366,7 @@ int main(int argc, char **argv) {
         sync_file_range(out, 0, 0, SYNC_FILE_RANGE_WAIT_BEFORE | SYNC_FILE_RANGE_WRITE | SYNC_FILE_RANGE_WAIT_AFTER) == 0 &&
         rename(tmp, new_) == 0) {
         int dir = sync_new ? open(newdir, O_RDONLY | O_DIRECTORY) : -1;
-        if ((!sync_new || (dir >= 0 && fsync(dir) == 0)) && fsync(out) == 0)
+        if ((!sync_new || (dir >= 0 && fsync(dir) == 0)) && ((sync_new && ext4_with_journal(out)) || fsync(out) == 0))
             rc = 0;
         if (dir >= 0)
             close(dir);

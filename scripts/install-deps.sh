@@ -12,7 +12,7 @@ packages=(
   libboost-dev
   libxxhash-dev xxhash
   googletest libgtest-dev
-  util-linux mount strace procps
+  util-linux mount strace procps e2fsprogs
   dovecot-core dovecot-imapd dovecot-lmtpd
   llvm-14
   clang libclang-rt-14-dev

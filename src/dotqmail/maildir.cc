@@ -11,7 +11,8 @@
 // the transfer agent forgot the message cannot leave it, whole but unseen, in
 // `tmp`. Syncing after the rename rather than before lets a journaling file
 // system commit the file and its name at once, one journal commit per
-// delivery instead of two. A failure leaves nothing in `new` (a partial file
+// delivery instead of two (on an ext4 with its journal, the sync of `new`
+// alone makes that commit). A failure leaves nothing in `new` (a partial file
 // may stay in `tmp`, where maildir cleaners expect leftovers); when a sync
 // after the rename fails, the file is renamed back into `tmp`, so that the
 // retry stores the one copy. A path too long for the name buffers is refused
@@ -31,6 +32,7 @@
 #include <sys/random.h>
 #include <sys/stat.h>
 #include <sys/statfs.h>
+#include <sys/sysmacros.h>
 #include <sys/time.h>
 #include <unistd.h>
 
@@ -120,11 +122,33 @@ bool ordersDataBeforeName(int fd) {
 
 // The data on the disk, waited for, without the journal commit a sync would
 // force here: the syncs after the rename commit it together with the name.
-int writeOut(int fd) {
-    if (!ordersDataBeforeName(fd))
+int writeOut(int fd, bool ordered) {
+    if (!ordered)
         return fsync(fd);
     const unsigned int whole = SYNC_FILE_RANGE_WAIT_BEFORE | SYNC_FILE_RANGE_WRITE | SYNC_FILE_RANGE_WAIT_AFTER;
     return sync_file_range(fd, 0, 0, whole);
+}
+
+// Whether an ext4 on this device keeps its journal in itself, as jbd2 lists
+// it ("<device>-8", the journal's inode as mkfs makes it). Its commits go in
+// order, each after a cache flush, so the one that makes the rename durable
+// carries the file's size and blocks, allocated before it, and its flush the
+// data written out before it: the file's own sync after it would only flush
+// the disk's cache once more. Anything else (an external journal, no /sys or
+// /proc, a journal-less ext2 or ext4, which share ext4's magic) answers
+// false, and the file is synced.
+bool ext4WithJournal(dev_t device) {
+    char link[64];
+    char target[512];
+    snprintf(link, sizeof link, "/sys/dev/block/%u:%u", major(device), minor(device));
+    ssize_t length = readlink(link, target, sizeof target - 1);
+    if (length <= 0)
+        return false;
+    target[length] = '\0';
+    const char *slash = strrchr(target, '/');
+    char journal[600];
+    snprintf(journal, sizeof journal, "/proc/fs/jbd2/%s-8", slash != nullptr ? slash + 1 : target);
+    return access(journal, F_OK) == 0;
 }
 
 }  // namespace
@@ -163,7 +187,8 @@ int deliverMaildir(const char *messagePath, const char *maildir) {
     }
     // Without this a crash after the rename could leave an empty or partial
     // file in `new`, which readers would take for the message.
-    if (writeOut(fd) != 0) {
+    bool ordered = ordersDataBeforeName(fd);
+    if (writeOut(fd, ordered) != 0) {
         LogFunction(3, "System error: %s\n", strerror(errno));
         close(fd);
         return -1;
@@ -196,10 +221,12 @@ int deliverMaildir(const char *messagePath, const char *maildir) {
     }
     // `new` first: ext4 syncs a directory by committing all the journal
     // holds, this file and its name included, and the file's own sync then
-    // finds nothing left to commit. The other way round, on a busy journal
-    // the sync of `new` would wait for a second commit, of other runs' work.
+    // finds nothing left to commit (with the journal on the same device it is
+    // left out). The other way round, on a busy journal the sync of `new`
+    // would wait for a second commit, of other runs' work.
     int synced = syncNewDirectory(newPath);
-    if (synced == 0 && fsync(fd) != 0) {
+    bool committed = ordered && ext4WithJournal(st.st_dev);
+    if (synced == 0 && !committed && fsync(fd) != 0) {
         LogFunction(3, "System error: %s\n", strerror(errno));
         synced = -1;
     }

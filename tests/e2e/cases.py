@@ -1,7 +1,7 @@
 """The delivery as the transfer agent sees it: one row per case (fixture, command line, input) with the exit status,
 status line, log lines and stores it must leave. Cases that need more than one run follow the table."""
 import fcntl, grp, json, os, re, resource, sqlite3, subprocess, sys, time
-from harness import BIN, MSG, KEY, R, S, SPOOL, STATE, REGISTRY, TEXT, check, expect, in_mbox, main, mount
+from harness import BIN, MSG, KEY, R, S, SPOOL, STATE, REGISTRY, TEXT, TMP, check, expect, in_mbox, main, mount
 from sweeps import JOB, job
 
 P = "{p}"  # the mailnames directory, in args
@@ -659,7 +659,8 @@ def explain(w):
 def maildir_new_synced(w):
     """Exit 0 means the message is in new on disk, and its name never reaches the disk before its data: the data is
     written out before the rename, new and the file are synced after it (a failure of either defers), and on a file
-    system not known to keep that order (ramfs here) the file is synced before the rename. The retry stores one copy."""
+    system not known to keep that order (ramfs here) the file is synced before the rename. On an ext4 with its journal
+    the sync of new commits the file too, and the file's own sync is left out. The retry stores one copy."""
     w.write(".qmail", "./Maildir/\n")
     noid = "Subject: x\n\nbody\n"
     for fault in ["fsync:error=EIO:when=1", "sync_file_range:error=EIO"]:
@@ -681,6 +682,21 @@ def maildir_new_synced(w):
         os.mkdir(f"{w.box}/Maildir/{sub}")
     got = steps()
     check(got == ["fsync", "renameat2", "fsync new", "fsync"], f"on a file system not known to order: {got}")
+    journaled = w.box + "/Journaled"
+    os.mkdir(journaled)
+    subprocess.run(["truncate", "-s", "32M", w.dir + "/ext4.img"], check=True)
+    subprocess.run(["mkfs.ext4", "-q", "-F", w.dir + "/ext4.img"], check=True)
+    mount(TMP + "/dev", "/dev", None, 0x1000 | 0x4000)  # the host's devices, for a loop device, for the mount alone
+    try:
+        subprocess.run(["mount", "-o", "loop", w.dir + "/ext4.img", journaled], check=True)
+    finally:
+        subprocess.run(["umount", "-l", "/dev"], check=True)
+    w.mounted.append(journaled)
+    for sub in ("tmp", "new", "cur"):
+        os.mkdir(f"{journaled}/{sub}")
+    w.write(".qmail", "./Journaled/\n")
+    got = steps()
+    check(got == ["sync_file_range", "renameat2", "fsync new"], f"on an ext4 with its journal: {got}")
 
 
 CASES.update(address_extensions=address_extensions, settings_documented=settings_documented, deadlines=deadlines,
