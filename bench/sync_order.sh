@@ -25,7 +25,7 @@ trap 'umount "$work/disk"' EXIT
 info="/proc/fs/jbd2/$(basename "$(findmnt -no SOURCE "$work/disk")")-8/info"
 commits() { awk 'NR == 1 { print $1 }' "$info"; }
 
-orders=(before file-new new-file procmail)
+orders=(before file-new new-file new-only procmail)
 declare -A one parallel per_store
 for round in $(seq "$rounds"); do
   for order in "${orders[@]}"; do
