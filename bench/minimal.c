@@ -4,10 +4,10 @@
  * into the maildir's tmp, its data written out and waited for, renamed into
  * new, then the new directory and the file synced (so that the file and the
  * rename are on disk before success is reported; a journaling file system
- * commits both at once, and on an ext4 with its journal the sync of new alone
- * does, so there the file's is left out), and the spool file is removed. This is ferndrop's
- * order; a sync before the rename would cost a second journal commit. No
- * logging, no configuration, no locale, no stdio.
+ * commits both at once, and on an ext4 with its journal the sync of new
+ * alone does, so there the file's is left out), and the spool file is
+ * removed. This is ferndrop's order; a sync before the rename would cost a
+ * second journal commit. No logging, no configuration, no locale, no stdio.
  *
  * The copy buffer is 4096 bytes, as in ferndrop's copy primitive, so that the
  * comparison shows what ferndrop adds around the copy rather than a different
