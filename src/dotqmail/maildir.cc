@@ -114,10 +114,14 @@ int syncNewDirectory(const char *newPath) {
 // already written out (tmpfs keeps nothing over a restart anyway). Elsewhere,
 // NFS above all, where a rename is durable at once while written data waits
 // for a commit, only a sync before the rename keeps the order.
-bool ordersDataBeforeName(int fd) {
+bool ordersDataBeforeName(long type) {
+    return type == EXT4_SUPER_MAGIC || type == XFS_SUPER_MAGIC || type == TMPFS_MAGIC;
+}
+
+// The file system's type (its magic number), 0 when it cannot be told.
+long fileSystemType(int fd) {
     struct statfs fs;
-    return fstatfs(fd, &fs) == 0 &&
-           (fs.f_type == EXT4_SUPER_MAGIC || fs.f_type == XFS_SUPER_MAGIC || fs.f_type == TMPFS_MAGIC);
+    return fstatfs(fd, &fs) == 0 ? static_cast<long>(fs.f_type) : 0;
 }
 
 // The data on the disk, waited for, without the journal commit a sync would
@@ -187,7 +191,8 @@ int deliverMaildir(const char *messagePath, const char *maildir) {
     }
     // Without this a crash after the rename could leave an empty or partial
     // file in `new`, which readers would take for the message.
-    bool ordered = ordersDataBeforeName(fd);
+    const long type = fileSystemType(fd);
+    bool ordered = ordersDataBeforeName(type);
     if (writeOut(fd, ordered) != 0) {
         LogFunction(3, "System error: %s\n", strerror(errno));
         close(fd);
@@ -225,7 +230,7 @@ int deliverMaildir(const char *messagePath, const char *maildir) {
     // left out). The other way round, on a busy journal the sync of `new`
     // would wait for a second commit, of other runs' work.
     int synced = syncNewDirectory(newPath);
-    bool committed = ordered && ext4WithJournal(st.st_dev);
+    bool committed = synced == 0 && type == EXT4_SUPER_MAGIC && ext4WithJournal(st.st_dev);
     if (synced == 0 && !committed && fsync(fd) != 0) {
         LogFunction(3, "System error: %s\n", strerror(errno));
         synced = -1;
