@@ -6,6 +6,7 @@
 #include <poll.h>
 #include <sys/socket.h>
 #include <sys/un.h>
+#include <strings.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -48,12 +49,17 @@ struct Session {
         return false;
     }
 
+    // Waits only when the socket's buffer is full: a command or a small
+    // message goes out in one call.
     bool send(const char *data, size_t size, const char *step) {
         while (size > 0) {
-            if (!wait(POLLOUT, step))
-                return false;
             ssize_t n = ::send(fd, data, size, MSG_NOSIGNAL);
-            if (n < 0 && (errno == EINTR || errno == EAGAIN))
+            if (n < 0 && errno == EAGAIN) {
+                if (!wait(POLLOUT, step))
+                    return false;
+                continue;
+            }
+            if (n < 0 && errno == EINTR)
                 continue;
             if (n <= 0) {
                 LogFunction(3, "LMTP %s: %s while sending %s", route, strerror(errno), step);
@@ -130,7 +136,8 @@ bool connectTo(Session &s, const std::string &route) {
         family = found->ai_family;
     }
     s.fd = socket(family, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
-    bool connected = s.fd >= 0 && (connect(s.fd, address, length) == 0 || errno == EINPROGRESS);
+    bool now = s.fd >= 0 && connect(s.fd, address, length) == 0;
+    bool connected = now || (s.fd >= 0 && errno == EINPROGRESS);
     int err = errno;
     if (found != nullptr)
         freeaddrinfo(found);
@@ -138,6 +145,8 @@ bool connectTo(Session &s, const std::string &route) {
         LogFunction(3, "LMTP %s: cannot connect: %s", s.route, strerror(err));
         return false;
     }
+    if (now)  // a local socket is connected at once
+        return true;
     if (!s.wait(POLLOUT, "connect"))
         return false;
     int soError = 0;
@@ -167,6 +176,8 @@ bool sendMessage(Session &s, int fd) {
         }
         if (n == 0)
             break;
+        if (!out.empty() && !s.send(out, "the message"))
+            return false;
         out.clear();
         // A line at a time: a 10 MB message must not cost a call per byte.
         for (size_t i = 0, size = static_cast<size_t>(n); i < size;) {
@@ -186,10 +197,23 @@ bool sendMessage(Session &s, int fd) {
             }
             i = end;
         }
-        if (!s.send(out, "the message"))
-            return false;
     }
-    return s.send(lineStart ? ".\r\n" : "\r\n.\r\n", "the end of the message");
+    // The last piece goes with the end marker, so a small message is one send.
+    out += lineStart ? ".\r\n" : "\r\n.\r\n";
+    return s.send(out, "the end of the message");
+}
+
+// Whether a reply's lines name an extension (the lines are joined by blanks).
+bool advertises(const std::string &text, const char *keyword) {
+    size_t length = strlen(keyword);
+    for (size_t at = 0; at < text.size();) {
+        size_t blank = text.find(' ', at);
+        size_t end = blank == std::string::npos ? text.size() : blank;
+        if (end - at == length && strncasecmp(text.c_str() + at, keyword, length) == 0)
+            return true;
+        at = end + 1;
+    }
+    return false;
 }
 
 // What a refusal means for the delivery, logged with the server's words.
@@ -246,17 +270,28 @@ int lmtpDeliver(int fd, const std::string &route, const char *sender, const char
     said = std::to_string(r.code) + " " + r.text;
     if (r.code != 220)
         return refusal(s, r, "the connection");
+    if (!s.send(std::string("LHLO ") + host + "\r\n", "LHLO") || !s.reply(r, "LHLO"))
+        return LDA_TRY_LATER;
+    said = std::to_string(r.code) + " " + r.text;
+    if (r.code / 100 != 2)
+        return refusal(s, r, "LHLO");
     std::string from = sender == nullptr || sender[0] == '\0' || strcmp(sender, "<>") == 0 ? "" : sender;
     const struct {
         std::string command;
         int want;
         const char *step;
-    } steps[] = {{std::string("LHLO ") + host + "\r\n", 250, "LHLO"},
-                 {"MAIL FROM:<" + from + ">\r\n", 250, "the sender"},
+    } steps[] = {{"MAIL FROM:<" + from + ">\r\n", 250, "the sender"},
                  {std::string("RCPT TO:<") + rcpt + ">\r\n", 250, "the recipient"},
                  {"DATA\r\n", 354, "DATA"}};
+    // A server that offers pipelining gets the three as one group: two round
+    // trips fewer, which a proxy across the network feels most. The replies
+    // are still read in order, and the first refusal decides; the message is
+    // sent only after DATA's 354.
+    bool group = advertises(r.text, "PIPELINING");
+    if (group && !s.send(steps[0].command + steps[1].command + steps[2].command, steps[0].step))
+        return LDA_TRY_LATER;
     for (const auto &step : steps) {
-        if (!s.send(step.command, step.step) || !s.reply(r, step.step))
+        if ((!group && !s.send(step.command, step.step)) || !s.reply(r, step.step))
             return LDA_TRY_LATER;
         said = std::to_string(r.code) + " " + r.text;
         if (r.code / 100 != step.want / 100)

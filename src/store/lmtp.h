@@ -4,8 +4,10 @@
 // of many storage servers.
 //
 // Promises: one connection per delivery: LHLO, MAIL FROM (the null sender as
-// <>), RCPT TO, DATA with dot-stuffing and CRLF line ends, QUIT. Every wait
-// is bounded by lmtp_timeout. The answer speaks the delivery agents' exit
+// <>), RCPT TO, DATA with dot-stuffing and CRLF line ends, QUIT; MAIL, RCPT
+// and DATA as one group when LHLO's reply offers PIPELINING, the message
+// only after DATA's 354, and the first refusal decides. Every wait is
+// bounded by lmtp_timeout. The answer speaks the delivery agents' exit
 // language, so the driver's exit table needs nothing new: 0 delivered, 77
 // over quota (452 or 552 with 4.2.2 or 5.2.2), 100 any other permanent
 // refusal (5xx), and LDA_TRY_LATER for any other temporary refusal, a refused

@@ -415,48 +415,76 @@ def deadlines(w):
 
 
 def lmtp_answers(w):
-    """INBOX through an LMTP server that answers each way a server can: the protocol as sent, and every ending the
-    agents' exit language has; garbage, a dropped connection and silence defer, each with its line."""
+    """INBOX through an LMTP server that answers each way a server can: the protocol as sent, every ending the agents'
+    exit language has, and a refused recipient amid pipelined commands; garbage, a dropped connection and silence
+    defer, each with its line. A server that offers pipelining hears MAIL, RCPT and DATA before it answers any; one
+    that does not gets each command alone."""
     import socket, threading
     path = w.dir + "/lmtp"
     srv = socket.socket(socket.AF_UNIX)
     srv.bind(path), srv.listen(4)
-    heard = []
+    heard, alone = [], []
 
-    def serve(answer):
+    def serve(answer, group):
         c, _ = srv.accept()
-        f = c.makefile("rb")
+        buf, chunks = b"", []
+
+        def line():
+            nonlocal buf
+            while b"\n" not in buf:
+                d = c.recv(65536)
+                if not d:
+                    return b""
+                chunks.append(d)
+                buf += d
+            got, _, buf = buf.partition(b"\n")
+            return got + b"\n"
+
         if answer == "garbage":
             c.sendall(b"hello there\r\n")
         elif answer != "silent":
             c.sendall(b"220 lmtp ready\r\n")
-            for want in (b"LHLO", b"MAIL", b"RCPT", b"DATA"):
-                line = f.readline()
-                heard.append(line)
-                c.sendall(b"250-lmtp\r\n250 8BITMIME\r\n" if want == b"LHLO" else b"354 go\r\n" if
-                          want == b"DATA" else b"250 2.1.0 ok\r\n")
-            data = b"".join(iter(f.readline, b".\r\n"))
-            heard.append(data)
-            if answer != "drop":
-                c.sendall(answer.encode() + b"\r\n")
+            heard.append(line())
+            c.sendall(b"250-lmtp\r\n250-8BITMIME\r\n250 " + (b"PIPELINING" if group else b"ENHANCEDSTATUSCODES") + b"\r\n")
+            rcpt = answer[5:].encode() if answer.startswith("rcpt ") else b"250 2.1.5 ok"
+            replies = [b"250 2.1.0 ok", rcpt, b"354 go" if rcpt.startswith(b"2") else b"554 5.5.1 No valid recipients"]
+            del chunks[:]
+            if group:
+                heard.extend(line() for _ in replies)
+            for reply in replies:
+                if not group:
+                    heard.append(line())
+                c.sendall(reply + b"\r\n")
+            if not group:
+                alone.append(all(chunk.count(b"\n") == 1 for chunk in chunks))
+            if rcpt.startswith(b"2"):
+                heard.append(b"".join(iter(line, b".\r\n")))
+                if answer != "drop":
+                    c.sendall(answer.encode() + b"\r\n")
         time.sleep(3 if answer == "silent" else 0.2)
+        if answer.startswith("rcpt "):
+            c.settimeout(2)
+            check(buf + c.recv(9) == b"", "the message went out after the refusal")
         c.close()
 
     w.write(CONF, f"store lmtp:unix:{path}\nlmtp_timeout 2\n")
     # The spool is read 64 KB at a time: a line, and a CRLF, cut by those reads.
     msg = MSG + "a" * (65535 - len(MSG)) + "\n.leading dot" + "b" * 65523 + "\r\n..two\nlast line"
-    for answer, status in [("250 2.0.0 <alice@example.com> Saved", 0), ("452 4.2.2 Mailbox is full", 77),
-                           ("550 5.1.1 No such user", 71), ("451 4.3.0 Try again", 75), ("garbage", 75),
-                           ("drop", 75), ("silent", 75)]:
-        t = threading.Thread(target=serve, args=(answer,))
+    for answer, group, status in [("250 2.0.0 <alice@example.com> Saved", False, 0), ("452 4.2.2 Mailbox is full", True, 77),
+                                  ("550 5.1.1 No such user", False, 71), ("451 4.3.0 Try again", True, 75),
+                                  ("rcpt 450 4.2.1 Mailbox busy", True, 75), ("garbage", True, 75),
+                                  ("drop", True, 75), ("silent", False, 75)]:
+        t = threading.Thread(target=serve, args=(answer, group))
         t.start()
         r = w.run(args=["-f", "", "-d", "Alice+x@example.com", "-p", w.mailnames], msg=msg)
         t.join()
         check(r.status == status and r.out == TEXT.get(status, "") + "\n" * (status != 0), f"{answer}", r)
         check(status == 0 or any("LMTP unix:" in l or f"LMTP lmtp:unix:{path}" in l for l in r.log), "no line", r)
+        check(not answer.startswith("rcpt ") or any("refused the recipient: 450 4.2.1" in l for l in r.log), "rcpt", r)
     sent = "".join("." * l.startswith(".") + l + "\r\n" for l in msg.replace("\r\n", "\n").split("\n"))
     check(heard[1:3] == [b"MAIL FROM:<>\r\n", f"RCPT TO:<{R}>\r\n".encode()] and heard[4] == sent.encode(),
           f"heard {heard[:4]}, {len(heard[4])} bytes of the message")
+    check(heard[6:9] == heard[1:4] and heard[9] == sent.encode() and alone == [True, True], f"{alone} {heard[6:10]}")
 
 
 def settings_documented(w):
