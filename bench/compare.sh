@@ -52,8 +52,9 @@
 #                      archives / with shared libraries and compares them
 #     --report FILE    also write the Markdown report to FILE
 #     --before BINARY  also runs BINARY (an earlier build of ferndrop) as the
-#                      rows "before" (maildir line) and "before+lda" (INBOX),
-#                      in the same rounds, for a before-and-after table
+#                      rows "before" (maildir line), "before+lda" and
+#                      "before+lmtp" (INBOX), in the same rounds, for a
+#                      before-and-after table
 #     --counts-only    skip the timing (system calls, instructions, memory)
 #     --no-load        skip the load mode
 #     --load-only      only the load mode
@@ -64,7 +65,8 @@
 #     --journal-fs     everything on an ext4 with a journal, in an image file
 #                      on a loop device (for a disk whose ext4 has none)
 # FERNDROP_BENCH_LOAD_ROWS and FERNDROP_BENCH_LOAD_INFLIGHT narrow the load
-# mode to some rows and in-flight counts (blank-separated lists).
+# mode to some rows and in-flight counts (blank-separated lists), and
+# FERNDROP_BENCH_ROWS the rows of the rest.
 # FERNDROP_BUILD_DIR picks the build tree (default: <repo>/build-bench, a
 # release build configured and built here).
 #
@@ -266,7 +268,7 @@ EOF
   echo "store lmtp:unix:$T/dovecot-run/lmtp" > "$T/conf.lmtp"
   cp "$T/conf.lda" /etc/ferndrop/ferndrop.conf
   chown -R "$bench_uid:$bench_gid" /etc/ferndrop
-  conf_of() { [ "$1" = ferndrop+lmtp ] && echo "$T/conf.lmtp" || echo "$T/conf.lda"; }
+  conf_of() { case "$1" in *+lmtp) echo "$T/conf.lmtp" ;; *) echo "$T/conf.lda" ;; esac; }
   FD="$T/bin/ferndrop"
   declare -A cmd=(
     [minimal]="$T/bin/minimal $S/minspool $M/bench.test/min/Maildir"
@@ -293,7 +295,8 @@ EOF
   if [ -x "$T/bin/before" ]; then
     cmd[before]="$T/bin/before -f $sender -d box@bench.test -p $M"; newdir[before]=box
     cmd[before+lda]="$T/bin/before -f $sender -d inbox@bench.test -p $M"; newdir[before+lda]=inbox
-    rows+=(before before+lda)
+    cmd[before+lmtp]="$T/bin/before -f $sender -d lmtp@bench.test -p $M"; newdir[before+lmtp]=lmtp
+    rows+=(before before+lda before+lmtp)
   fi
   if [ "$variants" = 1 ]; then
     for v in "$T"/bin/ferndrop-*; do
@@ -301,6 +304,8 @@ EOF
       cmd[$name]="$v -f $sender -d box@bench.test -p $M"; newdir[$name]=box; rows+=("$name")
     done
   fi
+  # FERNDROP_BENCH_ROWS narrows the rows timed and counted, for an experiment.
+  [ -z "${FERNDROP_BENCH_ROWS:-}" ] || read -r -a rows <<< "$FERNDROP_BENCH_ROWS"
   printf '%s\n' "${rows[@]}" > "$out/rows"
 
   as_bench() {
@@ -332,7 +337,8 @@ EOF
       [ "$after" -eq $((before + 1)) ] || { echo "row $r stored nothing"; tail -5 "$T/syslog"; exit 1; }
     fi
   done
-  for r in minimal ferndrop; do
+  for r in "${rows[@]}"; do
+    case "$r" in minimal|ferndrop) ;; *) continue ;; esac
     f="$(find "$M/bench.test/${newdir[$r]}/Maildir/new" -type f | head -1)"
     cmp -s "$f" "$T/msg.2K" || { echo "row $r: stored copy differs from the message"; exit 1; }
   done
@@ -612,7 +618,7 @@ load_table() {
 (
   echo "### Run"
   echo
-  echo "- command: \`bench/compare.sh$([ "$quick" = 1 ] && echo " --quick")$([ "$variants" = 1 ] && echo " --link-variants")$([ "$load" = only ] && echo " --load-only")$([ "$load_rounds" != 1 ] && echo " --load-rounds $load_rounds")$([ -n "$before" ] && echo " --before BINARY")\`"
+  echo "- command: \`bench/compare.sh$([ "$quick" = 1 ] && echo " --quick")$([ "$variants" = 1 ] && echo " --link-variants")$([ "$load" = only ] && echo " --load-only")$([ "$load_rounds" != 1 ] && echo " --load-rounds $load_rounds")$([ -n "$before" ] && echo " --before BINARY")$([ "$spool_tmpfs" = 1 ] && echo " --spool-tmpfs")$([ "$journal_fs" = 1 ] && echo " --journal-fs")\`"
   echo "- machine: $(nproc) CPUs, $(grep -m1 'model name' /proc/cpuinfo | cut -d: -f2 | sed 's/^ *//'), kernel $(uname -r)"
   dev="$(basename "$(df /tmp | awk 'NR == 2 { print $1 }')")"
   if [ "$journal_fs" = 1 ]; then
