@@ -30,6 +30,8 @@
 #                  reading it, the floor for any agent in front of the LDA
 #   ferndrop+lmtp  no .qmail: INBOX through Dovecot's LMTP server (store lmtp:unix:...)
 #   lmtp           bench/minimal.c --lmtp: the smallest LMTP client, the same server
+#   minimal+duties+lmtp  the duties with no .qmail, then the spool file sent by
+#                  that client: the floor for ferndrop+lmtp
 #   procmail       rc file with a maildir DEFAULT
 #   maildrop       filter file with one maildir "to"
 #   cat+sync       sh -c 'cat > file && sync file'
@@ -179,7 +181,7 @@ COMMIT;"
   chown "$bench_uid:$bench_gid" "$S/spool" "$S/kavra/local"
 
   # Mailboxes: one per program, all alike.
-  for box in box inbox lda mlda min pm md cat lmtp lmtpmin; do mkdir -p "$M/bench.test/$box"; done
+  for box in box inbox lda mlda min pm md cat lmtp lmtpmin mlmtp; do mkdir -p "$M/bench.test/$box"; done
   for box in box min pm md; do mkdir -p "$M/bench.test/$box/Maildir/"{tmp,new,cur}; done
   echo "./Maildir/" > "$M/bench.test/box/.qmail"
   # The load mode's mailboxes: PREFIX-0 to PREFIX-199 for every row.
@@ -286,12 +288,13 @@ EOF
     [feed-only]="$H nop"
     [ferndrop+lmtp]="$FD -f $sender -d lmtp@bench.test -p $M"
     [lmtp]="$T/bin/minimal --lmtp $T/dovecot-run/lmtp lmtpmin@bench.test"
+    [minimal+duties+lmtp]="$T/bin/minimal-duties --duties /etc/ferndrop/ferndrop.conf /var/lib/kavra/mail/local/local.db $M/bench.test/mlmtp/.qmail --registry /var/lib/kavra/mail/handlers/handlers.db $sender mlmtp@bench.test $S/minspool --lmtp $T/dovecot-run/lmtp mlmtp@bench.test"
   )
   declare -A newdir=(
     [minimal]=min [minimal-nosync]=min [minimal+registry]=min [minimal+duties]=min [ferndrop]=box [ferndrop+lda]=inbox [lda]=lda [minimal+lda]=mlda [minimal+duties+lda]=mlda [procmail]=pm [maildrop]=md
-    [ferndrop+lmtp]=lmtp [lmtp]=lmtpmin
+    [ferndrop+lmtp]=lmtp [lmtp]=lmtpmin [minimal+duties+lmtp]=mlmtp
   )
-  rows=(minimal minimal-nosync minimal+registry minimal+duties ferndrop ferndrop+lda lda minimal+lda minimal+duties+lda ferndrop+lmtp lmtp procmail maildrop cat+sync feed-only)
+  rows=(minimal minimal-nosync minimal+registry minimal+duties ferndrop ferndrop+lda lda minimal+lda minimal+duties+lda ferndrop+lmtp lmtp minimal+duties+lmtp procmail maildrop cat+sync feed-only)
   if [ -x "$T/bin/before" ]; then
     cmd[before]="$T/bin/before -f $sender -d box@bench.test -p $M"; newdir[before]=box
     cmd[before+lda]="$T/bin/before -f $sender -d inbox@bench.test -p $M"; newdir[before+lda]=inbox
@@ -687,6 +690,7 @@ load_table() {
   echo "| 2 KB maildir: ferndrop over procmail within the sync of new | $(ms "$over") vs $(ms "$sync") ms | $(verdict "$over" "$sync") |"
   echo "| 2 KB INBOX: ferndrop+lmtp <= 0.5x lda | $(ratio "$(med 2K ferndrop+lmtp)" "$l2")x | $(verdict "$(ratio "$(med 2K ferndrop+lmtp)" "$l2")" 0.5) |"
   echo "| (LMTP floor: lmtp / lda) | $(ratio "$(med 2K lmtp)" "$l2")x | - |"
+  echo "| (LMTP floor with the duties: minimal+duties+lmtp / lda) | $(ratio "$(med 2K minimal+duties+lmtp)" "$l2")x | - |"
   echo "| 2 KB INBOX: ferndrop+lda <= 1.1x lda | $(ratio "$(med 2K ferndrop+lda)" "$l2")x | $(verdict "$(ratio "$(med 2K ferndrop+lda)" "$l2")" 1.1) |"
   echo "| (INBOX floor: minimal+lda / lda) | $(ratio "$(med 2K minimal+lda)" "$l2")x | - |"
   echo "| (INBOX floor with the duties: minimal+duties+lda / lda) | $(ratio "$(med 2K minimal+duties+lda)" "$l2")x | - |"

@@ -21,6 +21,7 @@
  *        minimal --duties ... --registry ... SPOOL_DIR --then PROGRAM [ARG...] < message
  *        minimal SPOOL_DIR --then PROGRAM [ARG...] < message
  *        minimal --lmtp SOCKET RECIPIENT < message
+ *        minimal --duties ... --registry ... SPOOL_DIR --lmtp SOCKET RECIPIENT < message
  *
  * The second leaves out the sync of new (which procmail does not make), to
  * show what that sync alone costs. The --registry form (built with
@@ -46,7 +47,10 @@
  *
  * The fourth is the smallest LMTP client: standard input straight to the
  * server (LHLO, MAIL FROM:<>, RCPT TO, DATA with CRLF and dot-stuffing), 0
- * when the server took the message.
+ * when the server took the message. The last sends the spool file the same
+ * way after the duties, with no instruction file: the floor for ferndrop's
+ * way into INBOX through LMTP, which must spool and do its duties before the
+ * message may leave.
  */
 #define _GNU_SOURCE
 #include <errno.h>
@@ -117,7 +121,7 @@ static int reply(int s, char *buf, size_t *have) {
     }
 }
 
-static int lmtp(const char *path, const char *rcpt) {
+static int lmtp(int in_fd, const char *path, const char *rcpt) {
     struct sockaddr_un a = {.sun_family = AF_UNIX};
     strncpy(a.sun_path, path, sizeof a.sun_path - 1);
     int s = socket(AF_UNIX, SOCK_STREAM, 0);
@@ -131,7 +135,7 @@ static int lmtp(const char *path, const char *rcpt) {
         return 75;
     char in[4096], out[8200];
     int start = 1;
-    for (ssize_t got; (got = read(0, in, sizeof in)) > 0;) {
+    for (ssize_t got; (got = read(in_fd, in, sizeof in)) > 0;) {
         size_t o = 0;
         for (ssize_t i = 0; i < got; i++) {
             if (start && in[i] == '.')
@@ -289,7 +293,7 @@ int main(int argc, char **argv) {
     if (argc < 3)
         return 64;
     if (strcmp(argv[1], "--lmtp") == 0)
-        return argc == 4 ? lmtp(argv[2], argv[3]) : 64;
+        return argc == 4 ? lmtp(0, argv[2], argv[3]) : 64;
 #ifdef DUTIES
     XXH3_state_t input;
     if (strcmp(argv[1], "--duties") == 0) {
@@ -339,6 +343,14 @@ int main(int argc, char **argv) {
     }
 #endif
 
+    if (strcmp(argv[2], "--lmtp") == 0 && argc == 5) {
+        int in = open(spool, O_RDONLY);
+        int rc = in < 0 ? 75 : lmtp(in, argv[3], argv[4]);
+        if (in >= 0)
+            close(in);
+        unlink(spool);
+        return finish(rc);
+    }
     if (strcmp(argv[2], "--then") == 0 && argc > 3) {
         int in = open(spool, O_RDONLY);
         pid_t pid = in < 0 ? -1 : vfork();
